@@ -1,0 +1,121 @@
+// The interpreter: the value stack, activation records and the dispatch loop.
+//
+// QelInterpreter is itself the value stack (a QelVector); SP is a cursor on it. Each
+// running procedure has an activation record (QelProcInfo) with its frame slot BP
+// (the called value; arguments at BP+1..BP+nargs) and its temporaries base FP. Runtime
+// errors append a line to `errors()` and make every enclosing call answer false.
+#pragma once
+
+#include "qel/buffer.h"
+#include "qel/opcodes.h"
+#include "qel/vm.h"
+
+class QelDebugger;
+
+// The activation record of one running procedure. Records live as long as the call
+// that made them and link to the caller's record through `parent`.
+class QEL_API QelProcInfo {
+ public:
+  QelProcInfo(QelVector* proc, ValPtr bp, ValPtr fp, int nargs)
+      : proc_(proc), bp_(bp), fp_(fp), nargs_(nargs), parent_(nullptr), detached_(false) {}
+  QelProcInfo(const QelProcInfo& p) = default;
+
+  QelValue& operator[](unsigned int i) const { return (*proc_)[i]; }
+  // The code bytes, or null when element 0 is not a buffer.
+  operator unsigned char*() const;
+  QelVector* procedure() const { return proc_; }
+  int getNargs() const { return nargs_; }
+  // The procedure's name, or "<unnamed>".
+  const QelChar* getName() const;
+  ValPtr& bp() { return bp_; }
+  ValPtr& fp() { return fp_; }
+  QelProcInfo* getCaller() const { return detached_ ? nullptr : parent_; }
+  QelProcInfo* getParent() const { return parent_; }
+  void setParent(QelProcInfo* p) { parent_ = p; }
+  void setDetached(bool d) { detached_ = d; }
+
+ private:
+  QelVector* proc_;
+  ValPtr bp_;
+  ValPtr fp_;
+  int nargs_;
+  QelProcInfo* parent_;
+  bool detached_;
+};
+
+class QEL_API QelInterpreter : public QelVector {
+ public:
+  explicit QelInterpreter(QelVirtualMachine& vm);
+  ~QelInterpreter() override;
+
+  QelVirtualMachine& getVirtualMachine() { return vm_; }
+  QelProcInfo* getProcInfo() { return proc_; }
+  QelString& errors() { return errors_; }
+  ValPtr& sp() { return SP; }
+  QelDebugger* getDebugger() { return debugger_; }
+  bool getTrace() const { return trace_; }
+  bool getStep() const { return step_; }
+
+  void setDebugger(QelDebugger* debugger);
+  // One nil slot with SP on it; errors cleared.
+  void reset();
+  // Runs the named procedure with string arguments; the result is left at SP.
+  bool execute(const QelChar* name, int argc, const QelChar** argv);
+  // Runs a procedure whose nargs arguments lie on the stack up to SP.
+  bool call(int nargs, QelVector* byteCode);
+
+  // Sends a message to the object at SP-n (name null: the name is at SP-n+1).
+  bool send(int n, const QelChar* name);
+  bool checkType(const QelValue& v, QelValueType expected);
+  bool badType(QelValueType actual, QelValueType expected);
+  bool noMethod(const QelChar* name);
+  bool returnError(const QelChar* message, const QelChar* detail);
+  // The string a value stands for, calling its "toString" when it is an object.
+  QelString* getStringFromValue(QelValue& v);
+
+  // Deepest nesting of script calls before "stack overflow".
+  static const int kMaxCallDepth;
+
+  ValPtr SP;
+
+ private:
+  bool enterProc(QelProcInfo& record);
+  void leaveProc(QelProcInfo& record);
+  bool run(QelProcInfo& record, const unsigned char* code, unsigned int codeSize);
+  bool callValue(int n);
+
+  bool binaryPrologue(const QelChar* name, const QelChar* reflected, bool& handled);
+  bool doOP_ADD();
+  bool doOP_SUB();
+  bool doOP_MUL();
+  bool doOP_DIV();
+  bool doOP_REM();
+  bool doOP_BAND();
+  bool doOP_BOR();
+  bool doOP_XOR();
+  bool doOP_BNOT();
+  bool doOP_SHL();
+  bool doOP_SHR();
+  bool doOP_NEG();
+  bool doOP_INCDEC(int delta);
+  bool doCompare();
+  bool doOP_VREF();
+  bool doOP_VSET();
+  bool doOP_MKREF();
+  bool doOP_DELETE();
+  bool doOP_NEW();
+  bool numericBinary(int op);
+  bool bitwiseBinary(int op);
+  void popTo(int slot);
+
+  QelDictionary& classes_;
+  QelDictionary& symbols_;
+  IQelPrinter& printer_;
+  QelVirtualMachine& vm_;
+  QelString errors_;
+  QelProcInfo* proc_;
+  QelDebugger* debugger_;
+  bool trace_;
+  bool step_;
+  int depth_;
+};

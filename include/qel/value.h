@@ -1,0 +1,242 @@
+// The value cell and reference counting.
+//
+// Every datum the engine handles is a QelValue: a 32-bit type tag and an 8-byte
+// payload holding an integer, a float, a double or a pointer. Heap objects (vectors,
+// strings, buffers, dictionaries, classes, objects) derive from QelRefObject and are
+// shared by counting. Whether a value owns one count of its object is told by its
+// type alone: types 6 to 13 own, every other type merely refers. The reference types
+// 15 to 23 are the owning types 5 to 13 plus 10; they point at the same kind of object
+// without holding a count, which is how a script makes a non-owning alias ("=>").
+//
+// Copying an owning value counts; copying anything else never touches memory outside
+// the cell. A zero-filled block is a valid array of null values.
+#pragma once
+
+#include <utility>
+
+#include "qel/config.h"
+
+class QelVector;
+class QelBuffer;
+class QelCharBuffer;
+class QelClass;
+class QelObject;
+class QelString;
+class QelDictionary;
+class QelDictionaryEntry;
+
+// Base of every shared heap object: a virtual destructor and a signed count.
+class QEL_API QelRefObject {
+ public:
+  virtual ~QelRefObject() {}
+  int32_t addRef() { return ++refCnt_; }
+  // Drops one count; at 0 or below the object deletes itself and 0 is answered.
+  int32_t release() {
+    if (--refCnt_ > 0) return refCnt_;
+    delete this;
+    return 0;
+  }
+  int32_t getRefCnt() const { return refCnt_; }
+  void setRefCnt(int32_t n) { refCnt_ = n; }
+
+ protected:
+  QelRefObject() : refCnt_(0) {}
+  QelRefObject(const QelRefObject&) : refCnt_(0) {}
+  QelRefObject& operator=(const QelRefObject& o) = default;
+
+ private:
+  int32_t refCnt_;
+};
+
+enum QelValueType : int32_t {
+  QVT_NULL = 0,
+  QVT_INTEGER = 1,
+  QVT_FLOAT = 2,
+  QVT_DOUBLE = 3,
+  QVT_FILE = 4,
+  QVT_CODE = 5,
+  QVT_BYTECODE = 6,
+  QVT_BUFFER = 7,
+  QVT_CHARBUFFER = 8,
+  QVT_CLASS = 9,
+  QVT_OBJECT = 10,
+  QVT_VECTOR = 11,
+  QVT_STRING = 12,
+  QVT_DICTIONARY = 13,
+  QVT_VAR = 14,
+  QVT_CODEREF = 15,
+  QVT_BYTECODEREF = 16,
+  QVT_BUFFERREF = 17,
+  QVT_CHARBUFFERREF = 18,
+  QVT_CLASSREF = 19,
+  QVT_OBJECTREF = 20,
+  QVT_VECTORREF = 21,
+  QVT_STRINGREF = 22,
+  QVT_DICTIONARYREF = 23,
+};
+
+// Distance between an owning type and its reference twin.
+constexpr int32_t QVT_REF_OFFSET = 10;
+constexpr int QVT_TYPE_COUNT = 24;
+
+// The printed name of a type ("QVT_STRING"); no range check.
+QEL_API const QelChar* getValueTypeName(QelValueType type);
+
+inline bool qelOwnsCount(QelValueType t) { return t >= QVT_BYTECODE && t <= QVT_DICTIONARY; }
+
+class QEL_API QelValue {
+ public:
+  QelValue() : type_(QVT_NULL) { u_.bits = 0; }
+  QelValue(int32_t l) : type_(QVT_INTEGER) { u_.bits = 0; u_.l = l; }
+  QelValue(float f) : type_(QVT_FLOAT) { u_.bits = 0; u_.f = f; }
+  QelValue(double d) : type_(QVT_DOUBLE) { u_.d = d; }
+  QelValue(void* file) : type_(QVT_FILE) { u_.p = file; }
+  QelValue(QelNativeFunction fn) : type_(QVT_CODE) { u_.fn = fn; }
+  QelValue(QelVector* v, bool bytecode, bool ref);
+  QelValue(QelBuffer* b, bool ref);
+  QelValue(QelCharBuffer* b, bool ref);
+  QelValue(QelClass* c, bool ref);
+  QelValue(QelObject* o, bool ref);
+  QelValue(QelString* s, bool ref);
+  QelValue(QelDictionary* d, bool ref);
+  QelValue(QelDictionaryEntry* e) : type_(QVT_VAR) { u_.p = e; }
+  // Untyped form: counts for every type below 15 (see assignRef).
+  QelValue(QelRefObject* obj, QelValueType type);
+  QelValue(const QelValue& v) : type_(v.type_), u_(v.u_) {
+    if (qelOwnsCount(type_) && u_.o) u_.o->addRef();
+  }
+  // Moving transfers the count: the source becomes null.
+  QelValue(QelValue&& v) noexcept : type_(v.type_), u_(v.u_) {
+    v.type_ = QVT_NULL;
+    v.u_.bits = 0;
+  }
+  ~QelValue() { dispose(); }
+
+  // The new object is counted before the old one is released, and the cell is
+  // complete before the release runs: a release may run a script destructor that
+  // moves the stack this cell or the source lives in.
+  QelValue& operator=(const QelValue& v) {
+    if (this == &v) return *this;
+    QelValueType oldType = type_;
+    Payload old = u_;
+    type_ = v.type_;
+    u_ = v.u_;
+    if (qelOwnsCount(type_) && u_.o) u_.o->addRef();
+    if (qelOwnsCount(oldType) && old.o) old.o->release();
+    return *this;
+  }
+  QelValue& operator=(QelValue&& v) noexcept {
+    if (this == &v) return *this;
+    QelValueType oldType = type_;
+    Payload old = u_;
+    type_ = v.type_;
+    u_ = v.u_;
+    v.type_ = QVT_NULL;
+    v.u_.bits = 0;
+    if (qelOwnsCount(oldType) && old.o) old.o->release();
+    return *this;
+  }
+
+  // Releases an owned object and leaves a null value; safe to repeat.
+  void dispose() {
+    if (qelOwnsCount(type_) && u_.o) {
+      QelRefObject* o = u_.o;
+      type_ = QVT_NULL;
+      u_.bits = 0;
+      o->release();
+      return;
+    }
+    type_ = QVT_NULL;
+    u_.bits = 0;
+  }
+  // Replaces the pointer, keeping the type; counts for every type below 15.
+  void assignRef(QelRefObject* obj);
+
+  QelValueType getType() const { return type_; }
+  void setType(QelValueType t) { type_ = t; }
+  QelRefObject* getRef() const { return u_.o; }
+  void* ptr() const { return u_.p; }
+  // The address of the raw data, for native library calls.
+  void* addr();
+
+  // Object conversions answer null when the type does not match.
+  operator QelClass*() const;
+  operator QelObject*() const;
+  operator QelVector*() const;
+  operator QelString*() const;
+  operator QelBuffer*() const;
+  operator QelCharBuffer*() const;
+  operator QelDictionary*() const;
+  operator QelDictionaryEntry*() const;
+  operator QelNativeFunction() const { return type_ == QVT_CODE ? u_.fn : nullptr; }
+  operator void*() const { return type_ == QVT_FILE ? u_.p : nullptr; }
+
+  // Numeric conversions; a non-numeric value reads as the largest finite float or
+  // double, and as its first 32 payload bits for the integer conversion.
+  int32_t toLong() const {
+    if (type_ == QVT_INTEGER) return u_.l;
+    if (type_ == QVT_FLOAT) return truncToLong(u_.f);
+    if (type_ == QVT_DOUBLE) return truncToLong(u_.d);
+    return lowWord();
+  }
+  float toFloat() const;
+  double toDouble() const;
+  operator int32_t() const { return toLong(); }
+  operator float() const { return toFloat(); }
+  operator double() const { return toDouble(); }
+
+  // Direct payload access for the interpreter's fast paths.
+  int32_t& rawLong() { return u_.l; }
+  float& rawFloat() { return u_.f; }
+  double& rawDouble() { return u_.d; }
+  // The first 32 bits of the payload: the integer, the float's bits, the low half of a
+  // double or of a pointer.
+  int32_t lowWord() const { return static_cast<int32_t>(static_cast<uint32_t>(u_.bits)); }
+  uint64_t rawBits() const { return u_.bits; }
+
+  bool isNull() const { return type_ == QVT_NULL; }
+  bool isObject() const { return type_ == QVT_OBJECT || type_ == QVT_OBJECTREF; }
+  bool isString() const { return type_ == QVT_STRING || type_ == QVT_STRINGREF; }
+  bool isNumber() const { return type_ >= QVT_INTEGER && type_ <= QVT_DOUBLE; }
+
+  // Sets an integer, releasing whatever was held.
+  void setLong(int32_t l) {
+    QelValueType oldType = type_;
+    QelRefObject* old = u_.o;
+    type_ = QVT_INTEGER;
+    u_.bits = 0;
+    u_.l = l;
+    if (qelOwnsCount(oldType) && old) old->release();
+  }
+  void setFloat(float f) {
+    QelValueType oldType = type_;
+    QelRefObject* old = u_.o;
+    type_ = QVT_FLOAT;
+    u_.bits = 0;
+    u_.f = f;
+    if (qelOwnsCount(oldType) && old) old->release();
+  }
+  void setDouble(double d) {
+    QelValueType oldType = type_;
+    QelRefObject* old = u_.o;
+    type_ = QVT_DOUBLE;
+    u_.d = d;
+    if (qelOwnsCount(oldType) && old) old->release();
+  }
+
+ private:
+  static int32_t truncToLong(double d);
+
+  QelValueType type_;
+  union Payload {
+    int32_t l;
+    float f;
+    double d;
+    void* p;
+    QelRefObject* o;
+    QelNativeFunction fn;
+    uint64_t bits;
+  } u_;
+};
+
+static_assert(sizeof(QelValue) == 16, "a value cell is a tag and an 8-byte payload");

@@ -1,0 +1,62 @@
+// The virtual machine a host embeds.
+//
+// It owns the registries that outlive a single run: `classes` (class name -> class),
+// `symbols` (global functions, native functions and global variables) and `modules`
+// (native library name -> handle), the output printer, the script-visible command
+// arguments and the result of the last execution.
+#pragma once
+
+#include "qel/class.h"
+#include "qel/printer.h"
+
+class QelInterpreter;
+
+class QEL_API QelVirtualMachine {
+ public:
+  // A null printer makes the machine discard all messages.
+  explicit QelVirtualMachine(IQelPrinter* printer = nullptr);
+  ~QelVirtualMachine();
+  QelVirtualMachine(const QelVirtualMachine&) = delete;
+  QelVirtualMachine& operator=(const QelVirtualMachine&) = delete;
+
+  // Empties the registries, frees the native libraries and registers the built-ins again.
+  void reinit();
+  // A native function under a new global name; false for a name already in use.
+  bool registerNativeFunction(const QelChar* name, QelNativeFunction fn);
+  // A native class under a new class name; the machine takes a count on it.
+  bool registerNativeClass(const QelChar* name, QelClass* cls);
+  // Runs the script destructor of an object being freed while an execution runs.
+  void notifyObjDelete(QelObject* obj);
+  // Runs the named procedure with string arguments; errors go to errorPrinter (or the
+  // machine's printer), the trace to tracePrinter. The top of the stack becomes the result.
+  bool execute(const QelChar* name, int argc, const QelChar** argv, bool trace = false,
+               IQelPrinter* errorPrinter = nullptr, IQelPrinter* tracePrinter = nullptr);
+  // Loads a native library and calls its "RegisterNativeModule" with this machine.
+  bool loadNativeModule(const QelChar* path);
+  // Asks the host's wait procedure whether single-stepping goes on; false without one.
+  bool dbgWait();
+  bool (*setDbgWaitProc(bool (*proc)()))();
+
+  int& cmdargc() { return cmdargc_; }
+  const QelChar**& cmdargv() { return cmdargv_; }
+  QelDictionary& classes() { return *classes_; }
+  QelDictionary& symbols() { return *symbols_; }
+  QelDictionary& modules() { return *modules_; }
+  IQelPrinter& printer() { return *printer_; }
+  QelInterpreter* interpreter() { return interpreter_; }
+  const QelValue& getResult() const { return result_; }
+
+ private:
+  void freeModules();
+
+  QelDictionary* classes_;
+  QelDictionary* symbols_;
+  QelDictionary* modules_;
+  IQelPrinter* printer_;
+  QelInterpreter* interpreter_;
+  bool ownsPrinter_;
+  QelValue result_;
+  int cmdargc_;
+  const QelChar** cmdargv_;
+  bool (*dbgWaitProc_)();
+};

@@ -1,0 +1,298 @@
+// The interpreter: activation records, the dispatch loop, calls and method sends.
+#include "qel/interpreter.h"
+
+#include "exec/messages.h"
+#include "qel/debugger.h"
+
+const int QelInterpreter::kMaxCallDepth = 2000;
+
+namespace {
+
+using namespace qel;
+
+bool isCodeBuffer(const QelValue& v) {
+  QelBuffer* b = v;
+  return b && b->size() > 0;
+}
+
+// A procedure: at least code, class and name, and element 0 a buffer with data.
+bool isProcedure(const QelVector* proc) { return proc && proc->size() > 2 && isCodeBuffer((*proc)[0]); }
+
+}  // namespace
+
+// ---- Activation records ----
+
+QelProcInfo::operator unsigned char*() const {
+  QelBuffer* code = (*proc_)[0];
+  return code ? code->data() : nullptr;
+}
+
+const QelChar* QelProcInfo::getName() const {
+  if (proc_->size() > 2) {
+    if (QelString* s = (*proc_)[2]) return s->c_str();
+  }
+  return u"<unnamed>";
+}
+
+// ---- Construction and state ----
+
+QelInterpreter::QelInterpreter(QelVirtualMachine& vm)
+    : classes_(vm.classes()),
+      symbols_(vm.symbols()),
+      printer_(vm.printer()),
+      vm_(vm),
+      proc_(nullptr),
+      debugger_(nullptr),
+      trace_(false),
+      step_(false),
+      depth_(0) {
+  addRef();  // values that refer to the stack never free it
+  reset();
+}
+
+QelInterpreter::~QelInterpreter() {
+  proc_ = nullptr;
+  clear();
+}
+
+void QelInterpreter::setDebugger(QelDebugger* debugger) {
+  if (debugger == debugger_) return;
+  if (debugger_) {
+    debugger_->setInterpreter(nullptr);
+    debugger_->setCurrentProc(nullptr);
+    trace_ = false;
+    step_ = false;
+  }
+  debugger_ = debugger;
+  if (debugger_) {
+    debugger_->setInterpreter(this);
+    debugger_->setCurrentProc(nullptr);
+    trace_ = debugger_->getTrace();
+  }
+}
+
+void QelInterpreter::reset() {
+  clear();
+  SP = ValPtr(this, -1);
+  ++SP;  // grows the empty stack by its one nil slot
+  errors_.clear();
+}
+
+bool QelInterpreter::execute(const QelChar* name, int argc, const QelChar** argv) {
+  reset();
+  if (!name) return false;
+  QelDictionaryEntry* entry = symbols_.find(name);
+  if (!entry) return false;
+  for (int i = 0; i < argc; ++i) {
+    push_back(QelValue(new QelString(argv ? argv[i] : nullptr), false));
+  }
+  SP = last();
+  QelValue callee(entry->getValue());
+  switch (callee.getType()) {
+    case QVT_CODE:
+      return static_cast<QelNativeFunction>(callee)(&vm_, argc, SP);
+    case QVT_BYTECODE:
+    case QVT_BYTECODEREF:
+      return call(argc, callee);
+    default:
+      return false;
+  }
+}
+
+bool QelInterpreter::enterProc(QelProcInfo& record) {
+  if (depth_ >= kMaxCallDepth) return returnError(kMsgStackOverflow, nullptr);
+  ++depth_;
+  record.setParent(proc_);
+  proc_ = &record;
+  if ((trace_ || step_) && debugger_) debugger_->setCurrentProc(proc_);
+  return true;
+}
+
+void QelInterpreter::leaveProc(QelProcInfo& record) {
+  --depth_;
+  proc_ = record.getParent();
+  record.setParent(nullptr);
+  if ((trace_ || step_) && debugger_) debugger_->setCurrentProc(proc_);
+}
+
+bool QelInterpreter::call(int nargs, QelVector* byteCode) {
+  if (!isProcedure(byteCode)) return returnError(u"no bytecode: ", u"interpret(QelVector* byteCode)\n");
+  // The procedure and its code stay alive while they run, even if the script
+  // redefines the function meanwhile.
+  QelValue keepProc(byteCode, true, false);
+  QelValue keepCode((*byteCode)[0]);
+  QelBuffer* code = keepCode;
+  int sp = SP.current();
+  QelProcInfo record(byteCode, ValPtr(this, sp - nargs), ValPtr(this, sp), nargs);
+  if (!enterProc(record)) return false;
+  bool ok = run(record, code->data(), code->size());
+  leaveProc(record);
+  return ok;
+}
+
+// Pops the stack down to `slot`, which becomes the top and the last element.
+void QelInterpreter::popTo(int slot) {
+  if (slot < 0) slot = 0;
+  while (size() < static_cast<unsigned>(slot) + 1) push_null();
+  truncate(static_cast<unsigned>(slot) + 1);
+  SP.setIndex(slot);
+}
+
+// Runs the value at SP-n with the n values above it as arguments.
+bool QelInterpreter::callValue(int n) {
+  int frame = SP.current() - n;
+  if (frame < 0) return returnError(kMsgStackCorrupted, nullptr);
+  QelValue callee((*this)[frame]);
+  bool ok;
+  switch (callee.getType()) {
+    case QVT_CODE:
+    case QVT_CODEREF: {
+      QelNativeFunction fn = reinterpret_cast<QelNativeFunction>(callee.ptr());
+      if (!fn) return returnError(u"call to non-procedure, type ", getValueTypeName(callee.getType()));
+      ok = fn(&vm_, n, SP);
+      break;
+    }
+    case QVT_BYTECODE:
+    case QVT_BYTECODEREF:
+      ok = call(n, callee);
+      break;
+    case QVT_OBJECT:
+    case QVT_OBJECTREF:
+      ok = send(n, u"OP_CALL");
+      break;
+    default:
+      return returnError(u"call to non-procedure, type ", getValueTypeName(callee.getType()));
+  }
+  if (!ok) return false;
+  int sp = SP.current();
+  if (frame < sp) {
+    (*this)[frame] = (*this)[sp];
+    popTo(frame);
+  } else if (frame > sp) {
+    return returnError(kMsgStackCorrupted, nullptr);
+  }
+  return true;
+}
+
+// ---- Method sends ----
+
+bool QelInterpreter::send(int n, const QelChar* name) {
+  int receiver = SP.current() - n;
+  const QelValue& recv = SP.at(-n);
+  if (!checkType(recv, QVT_OBJECT)) return false;
+  QelObject* obj = recv;
+  QelClass* cls = obj ? obj->getClass() : nullptr;
+  if (!cls) return returnError(u"QelInterpreter::send : object expected\n", nullptr);
+  QelValue keepClass(cls, false);
+
+  QelString method;
+  int count;
+  if (!name) {
+    const QelValue& nameValue = SP.at(1 - n);
+    if (!checkType(nameValue, QVT_STRING)) return false;
+    method = *static_cast<QelString*>(nameValue);
+    (*this)[receiver + 1] = (*this)[receiver];
+    count = n;
+  } else {
+    method = QelString(name);
+    ++SP;
+    for (int i = SP.current() - 1; i >= receiver; --i) (*this)[i + 1] = (*this)[i];
+    count = n + 1;
+  }
+
+  QelDictionaryEntry* entry = cls->funcMembers().find(method);
+  while (!entry) {
+    if (method.find(QelString(u"BC_"), 0) == 0) method.erase(0, 3);
+    cls = cls->getBaseClass();
+    if (!cls) {
+      // A missing destructor is no error.
+      if (method.equals(u"dtor") || method.equals(u"BC_dtor")) return true;
+      return noMethod(method.c_str());
+    }
+    entry = cls->funcMembers().find(method);
+  }
+
+  QelValue callee(entry->getValue());
+  bool ok;
+  switch (callee.getType()) {
+    case QVT_CODE:
+    case QVT_CODEREF: {
+      QelNativeFunction fn = reinterpret_cast<QelNativeFunction>(callee.ptr());
+      ok = fn ? fn(&vm_, count, SP) : returnError(method.c_str(), u" : NULL pointer to native function\n");
+      break;
+    }
+    case QVT_BYTECODE:
+    case QVT_BYTECODEREF: {
+      QelVector* proc = callee;
+      ok = proc ? call(count, proc) : returnError(method.c_str(), u" : NULL pointer to bytecode\n");
+      break;
+    }
+    default:
+      // No blank before "has": the message reads as it always has.
+      ok = returnError(method.c_str(), u"has no method implementation\n");
+      break;
+  }
+  if (receiver >= 0) {
+    QelValue result(SP.at(0));
+    while (size() < static_cast<unsigned>(receiver) + 1) push_null();
+    (*this)[receiver] = result;
+    popTo(receiver);
+  }
+  return ok;
+}
+
+// ---- Type checks and errors ----
+
+bool QelInterpreter::checkType(const QelValue& v, QelValueType expected) {
+  QelValueType t = v.getType();
+  if (t == expected) return true;
+  switch (expected) {
+    case QVT_CODE:
+    case QVT_BYTECODE:
+    case QVT_BUFFER:
+    case QVT_CHARBUFFER:
+    case QVT_CLASS:
+    case QVT_OBJECT:
+    case QVT_VECTOR:
+    case QVT_DICTIONARY:
+      // A string reference deliberately does not pass for a string.
+      if (t == expected + QVT_REF_OFFSET) return true;
+      break;
+    default:
+      break;
+  }
+  return badType(t, expected);
+}
+
+bool QelInterpreter::badType(QelValueType actual, QelValueType expected) {
+  // "&s" is printed as it stands: the one placeholder shows the actual type.
+  QelString text = QelString::format(u"invalid value type &s, %s expected", getValueTypeName(actual),
+                                     getValueTypeName(expected));
+  if (text.length() > 100) text.erase(100, -1);
+  return returnError(text.c_str(), nullptr);
+}
+
+bool QelInterpreter::noMethod(const QelChar* name) { return returnError(u"no method for name ", name); }
+
+bool QelInterpreter::returnError(const QelChar* message, const QelChar* detail) {
+  if (message) errors_ += message;
+  if (detail) errors_ += detail;
+  errors_ += u'\n';
+  return false;
+}
+
+QelString* QelInterpreter::getStringFromValue(QelValue& v) {
+  if (QelString* s = v) return s;
+  QelObject* obj = v;
+  QelClass* cls = obj ? obj->getClass() : nullptr;
+  if (!cls || !cls->findFunction(QelString(u"toString"))) return nullptr;
+  int saved = SP.current();
+  QelValue copy(v);
+  SP.setIndex(static_cast<int>(size()) - 1);
+  ++SP;
+  *SP = copy;
+  QelString* result = nullptr;
+  if (send(0, u"toString")) result = *SP;
+  SP.setIndex(saved);
+  return result;
+}

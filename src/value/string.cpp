@@ -1,0 +1,485 @@
+// Engine text: editing, comparison, UTF-8 conversion and the two formatters.
+#include <cstdlib>
+#include <cstring>
+#include <cwctype>
+
+#include "platform/format.h"
+#include "qel/buffer.h"
+#include "qel/platform.h"
+#include "qel/string.h"
+
+namespace {
+
+QelChar* allocText(unsigned int length) {
+  return static_cast<QelChar*>(allocmem((length + 1) * sizeof(QelChar)));
+}
+
+QelChar* copyText(const QelChar* text, unsigned int length) {
+  QelChar* block = allocText(length);
+  memcpy(block, text, length * sizeof(QelChar));
+  block[length] = 0;
+  return block;
+}
+
+QelChar* resizeText(QelChar* block, unsigned int length) {
+  void* p = realloc(block, (length + 1) * sizeof(QelChar));
+  if (!p) errorExit(1);
+  return static_cast<QelChar*>(p);
+}
+
+QelChar foldCase(QelChar c) {
+  if (c < 0x80) return (c >= 'A' && c <= 'Z') ? static_cast<QelChar>(c + 32) : c;
+  if (c >= 0xD800 && c <= 0xDFFF) return c;
+  return static_cast<QelChar>(towlower(static_cast<wint_t>(c)));
+}
+
+// The narrow copy handed out by a_str: one buffer for the whole engine.
+QelBuffer& narrowBuffer() {
+  static QelBuffer buffer;
+  return buffer;
+}
+
+bool isSurrogateHigh(uint32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
+bool isSurrogateLow(uint32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
+
+}  // namespace
+
+unsigned int qelStrLen(const QelChar* s) {
+  if (!s) return 0;
+  const QelChar* p = s;
+  while (*p) ++p;
+  return static_cast<unsigned int>(p - s);
+}
+
+int qelStrCmp(const QelChar* a, const QelChar* b) {
+  if (!a) a = u"";
+  if (!b) b = u"";
+  while (*a && *a == *b) ++a, ++b;
+  return static_cast<int>(*a) - static_cast<int>(*b);
+}
+
+size_t qelUtf8ToUtf16(const char* src, size_t srcLen, QelChar* dst, size_t cap) {
+  const unsigned char* s = reinterpret_cast<const unsigned char*>(src);
+  size_t n = 0;
+  auto put = [&](uint32_t unit) {
+    if (n < cap) dst[n] = static_cast<QelChar>(unit);
+    ++n;
+  };
+  size_t i = 0;
+  while (i < srcLen) {
+    uint32_t c = s[i];
+    if (c < 0x80) {
+      put(c);
+      ++i;
+      continue;
+    }
+    int extra = (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : -1;
+    uint32_t cp = 0;
+    bool ok = extra > 0 && i + extra < srcLen;
+    if (ok) {
+      cp = c & (0x3Fu >> extra);
+      for (int k = 1; k <= extra && ok; ++k) {
+        unsigned char cc = s[i + k];
+        ok = (cc & 0xC0) == 0x80;
+        cp = (cp << 6) | (cc & 0x3F);
+      }
+      static const uint32_t kMin[4] = {0, 0x80, 0x800, 0x10000};
+      ok = ok && cp >= kMin[extra] && cp <= 0x10FFFF;
+    }
+    if (!ok) {
+      put(0xFFFD);
+      ++i;
+      continue;
+    }
+    if (cp >= 0x10000) {
+      cp -= 0x10000;
+      put(0xD800 + (cp >> 10));
+      put(0xDC00 + (cp & 0x3FF));
+    } else {
+      put(cp);  // lone surrogates arrive here as three-byte sequences
+    }
+    i += extra + 1;
+  }
+  return n;
+}
+
+size_t qelUtf16ToUtf8(const QelChar* src, size_t srcLen, char* dst, size_t cap) {
+  size_t n = 0;
+  auto put = [&](uint32_t byte) {
+    if (n < cap) dst[n] = static_cast<char>(byte);
+    ++n;
+  };
+  for (size_t i = 0; i < srcLen; ++i) {
+    uint32_t c = src[i];
+    if (isSurrogateHigh(c) && i + 1 < srcLen && isSurrogateLow(src[i + 1])) {
+      c = 0x10000 + ((c - 0xD800) << 10) + (src[i + 1] - 0xDC00);
+      ++i;
+    }
+    if (c < 0x80) {
+      put(c);
+    } else if (c < 0x800) {
+      put(0xC0 | (c >> 6));
+      put(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      put(0xE0 | (c >> 12));
+      put(0x80 | ((c >> 6) & 0x3F));
+      put(0x80 | (c & 0x3F));
+    } else {
+      put(0xF0 | (c >> 18));
+      put(0x80 | ((c >> 12) & 0x3F));
+      put(0x80 | ((c >> 6) & 0x3F));
+      put(0x80 | (c & 0x3F));
+    }
+  }
+  return n;
+}
+
+const QelChar* QelString::emptyText() {
+  static const QelChar empty[1] = {0};
+  return empty;
+}
+
+QelString::QelString(const QelChar* text) : str_(nullptr) {
+  if (text) str_ = copyText(text, qelStrLen(text));
+}
+
+QelString::QelString(const QelChar* text, unsigned int length) : str_(nullptr) {
+  if (text) str_ = copyText(text, length);
+}
+
+QelString::QelString(const char* text) : str_(nullptr) {
+  if (!text) return;
+  size_t len = strlen(text);
+  size_t n = qelUtf8ToUtf16(text, len, nullptr, 0);
+  str_ = allocText(static_cast<unsigned int>(n));
+  qelUtf8ToUtf16(text, len, str_, n);
+  str_[n] = 0;
+}
+
+QelString::QelString(const QelString& s) : QelRefObject(), str_(nullptr) {
+  if (s.str_) str_ = copyText(s.str_, s.length());
+}
+
+QelString& QelString::operator=(const QelString& s) {
+  if (this == &s) return *this;
+  QelChar* copy = s.str_ ? copyText(s.str_, s.length()) : nullptr;
+  free(str_);
+  str_ = copy;
+  return *this;
+}
+
+QelString::~QelString() { free(str_); }
+
+unsigned int QelString::length() const { return qelStrLen(str_); }
+
+const char* QelString::a_str() const {
+  if (!str_) return "";
+  unsigned int len = length();
+  QelBuffer& buf = narrowBuffer();
+  size_t n = qelUtf16ToUtf8(str_, len, nullptr, 0);
+  buf.clear();
+  if (buf.capacity() < n + 1) buf.setCapacity(static_cast<unsigned int>(n + 1));
+  qelUtf16ToUtf8(str_, len, reinterpret_cast<char*>(buf.data()), n);
+  buf.data()[n] = 0;
+  return reinterpret_cast<const char*>(buf.data());
+}
+
+int QelString::compare(const QelString& s) const { return qelStrCmp(c_str(), s.c_str()); }
+
+int QelString::icompare(const QelString& s) const {
+  const QelChar* a = c_str();
+  const QelChar* b = s.c_str();
+  while (*a && foldCase(*a) == foldCase(*b)) ++a, ++b;
+  return static_cast<int>(foldCase(*a)) - static_cast<int>(foldCase(*b));
+}
+
+bool QelString::equals(const QelChar* text) const { return qelStrCmp(c_str(), text) == 0; }
+
+int32_t QelString::find(const QelString& s, unsigned int from) const {
+  unsigned int len = length();
+  if (!str_ || from >= len) return -1;
+  unsigned int n = s.length();
+  if (n == 0) return static_cast<int32_t>(from);
+  const QelChar* t = s.c_str();
+  for (unsigned int i = from; i + n <= len; ++i) {
+    if (str_[i] == t[0] && memcmp(str_ + i, t, n * sizeof(QelChar)) == 0) return static_cast<int32_t>(i);
+  }
+  return -1;
+}
+
+int32_t QelString::find(QelChar c, unsigned int from) const {
+  unsigned int len = length();
+  if (!str_ || from >= len) return -1;
+  for (unsigned int i = from; i < len; ++i) {
+    if (str_[i] == c) return static_cast<int32_t>(i);
+  }
+  return -1;
+}
+
+QelString QelString::substr(unsigned int pos, int32_t n) const {
+  unsigned int len = length();
+  if (pos >= len || n == 0) return QelString();
+  unsigned int rest = len - pos;
+  unsigned int count = (n < 0 || static_cast<unsigned int>(n) > rest) ? rest : static_cast<unsigned int>(n);
+  return QelString(str_ + pos, count);
+}
+
+QelString& QelString::append(const QelChar* s, unsigned int n) {
+  if (!s || n == 0) return *this;
+  unsigned int len = length();
+  str_ = resizeText(str_, len + n);
+  memcpy(str_ + len, s, n * sizeof(QelChar));
+  str_[len + n] = 0;
+  return *this;
+}
+
+QelString& QelString::operator+=(const QelString& s) {
+  if (this == &s) {
+    QelString copy(s);
+    return append(copy.c_str(), copy.length());
+  }
+  return append(s.c_str(), s.length());
+}
+
+QelString& QelString::operator+=(const QelChar* s) { return append(s, qelStrLen(s)); }
+
+QelString& QelString::operator+=(QelChar c) { return append(&c, 1); }
+
+QelString QelString::operator+(const QelString& s) const {
+  QelString sum(*this);
+  sum += s;
+  return sum;
+}
+
+QelString& QelString::erase(unsigned int pos, int32_t n) {
+  unsigned int len = length();
+  if (n == 0 || len == 0 || pos >= len) return *this;
+  unsigned int rest = len - pos;
+  unsigned int count = (n < 0 || static_cast<unsigned int>(n) > rest) ? rest : static_cast<unsigned int>(n);
+  memmove(str_ + pos, str_ + pos + count, (len - pos - count + 1) * sizeof(QelChar));
+  unsigned int newLen = len - count;
+  if (newLen == 0) {
+    free(str_);
+    str_ = nullptr;
+  } else {
+    str_ = resizeText(str_, newLen);
+  }
+  return *this;
+}
+
+QelString& QelString::insert(unsigned int pos, const QelString& s) {
+  unsigned int len = length();
+  unsigned int n = s.length();
+  if (n == 0 || pos > len) return *this;
+  if (pos == len) return *this += s;
+  QelString copy(s);  // s may be this very string
+  str_ = resizeText(str_, len + n);
+  memmove(str_ + pos + n, str_ + pos, (len - pos + 1) * sizeof(QelChar));
+  memcpy(str_ + pos, copy.c_str(), n * sizeof(QelChar));
+  return *this;
+}
+
+// Inserting a repeated character walks down from the old terminator: each step moves
+// the lower character `count` places up and writes `c` in its place. For a position
+// below the length this keeps the first length-count+1 characters, then the copies of
+// `c`, then the last count-1 characters of the old text.
+QelString& QelString::insert(unsigned int pos, QelChar c, unsigned int count) {
+  unsigned int len = length();
+  if (count == 0 || pos > len) return *this;
+  if (pos == len) return *this += c;
+  str_ = resizeText(str_, len + count);
+  for (unsigned int k = 0; k < count; ++k) str_[len + 1 + k] = 0;
+  unsigned int i = len;  // old terminator position
+  for (unsigned int k = 0; k < count; ++k) {
+    str_[i + count] = str_[i];
+    str_[i] = c;
+    if (i == 0) break;
+    --i;
+  }
+  str_[len + count] = 0;
+  return *this;
+}
+
+QelString& QelString::replace(const QelString& from, const QelString& to) {
+  if (from.empty()) return *this;
+  QelString what(from), with(to);
+  unsigned int whatLen = what.length(), withLen = with.length();
+  int32_t at = find(what, 0);
+  while (at >= 0) {
+    erase(static_cast<unsigned int>(at), whatLen);
+    unsigned int next = static_cast<unsigned int>(at);
+    if (withLen) {
+      insert(next, with);
+      next += withLen;
+    }
+    at = find(what, next);
+  }
+  return *this;
+}
+
+QelString& QelString::replace(QelChar a, QelChar b) {
+  if (!str_) return *this;
+  for (QelChar* p = str_; *p; ++p) {
+    if (*p == a) *p = b;
+  }
+  return *this;
+}
+
+void QelString::clear() {
+  free(str_);
+  str_ = nullptr;
+}
+
+QelString QelString::adopt(QelChar* block) {
+  QelString s;
+  s.str_ = block;
+  return s;
+}
+
+QelString QelString::vformat(const QelChar* text, va_list args) {
+  if (!text) return QelString();
+  unsigned int length = 0;
+  QelChar* block = qel::formatAlloc(text, args, &length);
+  return adopt(block);
+}
+
+QelString QelString::format(const QelChar* text, ...) {
+  va_list args;
+  va_start(args, text);
+  QelString s = vformat(text, args);
+  va_end(args);
+  return s;
+}
+
+// ---- The script formatter -------------------------------------------------------
+
+namespace {
+
+bool isOneOf(QelChar c, const char* set) {
+  for (; *set; ++set) {
+    if (c == static_cast<QelChar>(*set)) return true;
+  }
+  return false;
+}
+
+// Widths and precisions are cut to five digits so a script cannot ask for gigabytes.
+const unsigned int kMaxFieldDigits = 5;
+
+// Copies a run of digits of at most kMaxFieldDigits into `spec`; answers the end.
+const QelChar* copyDigits(const QelChar* p, QelString& spec) {
+  unsigned int kept = 0;
+  while (*p >= '0' && *p <= '9') {
+    if (kept < kMaxFieldDigits) spec += *p;
+    ++kept;
+    ++p;
+  }
+  return p;
+}
+
+// The text a value shows for a %s conversion.
+QelString textOfValue(const QelValue& v) {
+  switch (v.getType()) {
+    case QVT_STRING:
+    case QVT_STRINGREF: {
+      QelString* s = v;
+      return s ? QelString(*s) : QelString();
+    }
+    case QVT_INTEGER: return QelString::format(u"%ld", v.toLong());
+    case QVT_FLOAT:
+    case QVT_DOUBLE: return QelString::format(u"%f", v.toDouble());
+    case QVT_CHARBUFFER:
+    case QVT_CHARBUFFERREF: {
+      QelCharBuffer* b = v;
+      if (!b) return QelString();
+      unsigned int n = 0;
+      while (n < b->size() && (*b)[n]) ++n;
+      return QelString(b->data(), n);
+    }
+    case QVT_BUFFER:
+    case QVT_BUFFERREF: {
+      QelBuffer* b = v;
+      if (!b) return QelString();
+      unsigned int n = 0;
+      while (n < b->size() && (*b)[n]) ++n;
+      size_t len = qelUtf8ToUtf16(reinterpret_cast<const char*>(b->data()), n, nullptr, 0);
+      QelChar* block = static_cast<QelChar*>(allocmem(static_cast<unsigned int>((len + 1) * sizeof(QelChar))));
+      qelUtf8ToUtf16(reinterpret_cast<const char*>(b->data()), n, block, len);
+      block[len] = 0;
+      return QelString::adopt(block);
+    }
+    case QVT_NULL: return QelString(u"(null)");
+    default: return QelString::format(u"(%s:%p)", getValueTypeName(v.getType()), v.ptr());
+  }
+}
+
+}  // namespace
+
+// Formats one conversion: `spec` is "%" with flag, width and precision; `letter` the
+// conversion; `rest` the literal text after it. The argument passed always matches the
+// conversion, whatever the value's type.
+static QelString formatOneValue(QelString& spec, QelChar letter, const QelChar* rest, const QelValue& v) {
+  if (isOneOf(letter, "diouxX")) {
+    spec += letter;
+    spec += rest;
+    return QelString::format(spec.c_str(), v.toLong());
+  }
+  if (isOneOf(letter, "cC")) {
+    spec += u'c';
+    spec += rest;
+    return QelString::format(spec.c_str(), static_cast<int>(static_cast<QelChar>(v.toLong())));
+  }
+  if (isOneOf(letter, "fegEGaA")) {
+    spec += letter;
+    spec += rest;
+    return QelString::format(spec.c_str(), v.toDouble());
+  }
+  if (letter == 'p') {
+    spec += letter;
+    spec += rest;
+    return QelString::format(spec.c_str(), v.ptr());
+  }
+  QelString text = textOfValue(v);
+  spec += u's';
+  spec += rest;
+  return QelString::format(spec.c_str(), text.c_str());
+}
+
+QelString::QelString(const QelChar* text, unsigned int count, ValPtr& args) : str_(nullptr) {
+  if (!text || !text[0] || count == 0) return;
+  QelString copy(text);
+  QelChar* base = copy.str_;
+  unsigned int length = copy.length();
+  unsigned int used = 0;
+  unsigned int pos = 0;
+  while (used < count) {
+    // The next token: runs of '%' separate tokens; a leading '%' is skipped.
+    while (pos < length && base[pos] == '%') ++pos;
+    if (pos >= length) break;
+    unsigned int start = pos;
+    while (pos < length && base[pos] != '%') ++pos;
+    base[pos] = 0;
+    const QelChar* token = base + start;
+    bool afterPercent = start > 0;
+    ++pos;
+
+    if (!token[0] && afterPercent) {
+      *this += u'%';
+      continue;
+    }
+    const QelChar* p = token;
+    QelString spec(u"%");
+    if (*p && isOneOf(*p, "+-0 #")) spec += *p++;
+    p = copyDigits(p, spec);
+    if (*p == '.') {
+      spec += *p++;
+      p = copyDigits(p, spec);
+    }
+    while (*p && isOneOf(*p, "whlI2346FN")) ++p;
+    if (afterPercent && *p && isOneOf(*p, "diouxXfegEGcspCSaA")) {
+      *this += formatOneValue(spec, *p, p + 1, args.at(static_cast<int>(used)));
+      ++used;
+    } else {
+      *this += token;
+    }
+  }
+}

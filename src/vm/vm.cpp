@@ -1,0 +1,135 @@
+// The virtual machine: registries, native modules, destructor notices and execution.
+#include "qel/vm.h"
+
+#include <dlfcn.h>
+
+#include "qel/builtins.h"
+#include "qel/debugger.h"
+#include "qel/interpreter.h"
+#include "qel/platform.h"
+#include "platform/files.h"
+
+QelVirtualMachine::QelVirtualMachine(IQelPrinter* printer)
+    : classes_(new QelDictionary(false)),
+      symbols_(new QelDictionary(false)),
+      modules_(new QelDictionary(false)),
+      printer_(printer),
+      interpreter_(nullptr),
+      ownsPrinter_(printer == nullptr),
+      cmdargc_(0),
+      cmdargv_(nullptr),
+      dbgWaitProc_(nullptr) {
+  if (!printer_) printer_ = new QelDummyPrinter();
+  classes_->addRef();
+  symbols_->addRef();
+  modules_->addRef();
+  QelDefaultFunctions::registerFunctions(this);
+}
+
+QelVirtualMachine::~QelVirtualMachine() {
+  classes_->clear();
+  symbols_->clear();
+  freeModules();
+  result_.dispose();
+  classes_->release();
+  symbols_->release();
+  modules_->release();
+  if (ownsPrinter_) delete printer_;
+}
+
+void QelVirtualMachine::freeModules() {
+  for (QelDictionaryEntry* e = modules_->getFirst(); e; e = e->getNext()) {
+    int32_t handle = e->getValue().toLong();
+    if (void* lib = qelAddressOf(handle)) dlclose(lib);
+    qelReleaseHandle(handle);
+  }
+  modules_->clear();
+}
+
+void QelVirtualMachine::reinit() {
+  classes_->clear();
+  symbols_->clear();
+  freeModules();
+  QelDefaultFunctions::registerFunctions(this);
+}
+
+bool QelVirtualMachine::registerNativeFunction(const QelChar* name, QelNativeFunction fn) {
+  if (!name || !name[0] || !fn) return false;
+  QelDictionaryEntry& e = (*symbols_)[QelString(name)];
+  if (e.getSymbolType() != QST_UNDEFINED) return false;
+  e.setValue(QelValue(fn));
+  e.setSymbolType(QST_STATIC_FUNCTION);
+  return true;
+}
+
+bool QelVirtualMachine::registerNativeClass(const QelChar* name, QelClass* cls) {
+  if (!name || !name[0] || !cls) return false;
+  QelDictionaryEntry& e = (*classes_)[QelString(name)];
+  if (e.getSymbolType() != QST_UNDEFINED) return false;
+  cls->setClassName(QelString(name));
+  cls->setIsNative(true);
+  e.setValue(QelValue(cls, false));
+  e.setSymbolType(QST_CLASS);
+  return true;
+}
+
+void QelVirtualMachine::notifyObjDelete(QelObject* obj) {
+  if (!interpreter_ || !obj) return;
+  QelClass* cls = obj->getClass();
+  if (!cls || !cls->findMember(QelString(u"dtor"), true)) return;
+  ValPtr& sp = interpreter_->SP;
+  int saved = sp.current();
+  ++sp;
+  *sp = QelValue(obj, true);  // refers to the dying object without owning it
+  interpreter_->send(0, u"dtor");
+  while (sp.current() > saved) {
+    if (QelValue* slot = sp) slot->dispose();
+    --sp;
+  }
+}
+
+bool QelVirtualMachine::execute(const QelChar* name, int argc, const QelChar** argv, bool trace,
+                                IQelPrinter* errorPrinter, IQelPrinter* tracePrinter) {
+  if (!name) return false;
+  QelInterpreter* previous = interpreter_;
+  QelInterpreter* interp = new QelInterpreter(*this);
+  interpreter_ = interp;
+  QelDebugger debugger(*this, tracePrinter);
+  debugger.setTrace(trace);
+  interp->setDebugger(&debugger);
+  bool ok = interp->execute(name, argc, argv);
+  result_ = interp->SP.at(0);
+  if (!ok) (errorPrinter ? *errorPrinter : *printer_)(u"%s", interp->errors().c_str());
+  interp->setDebugger(nullptr);
+  // Values left on the stack may run destructors while it is cleared.
+  interp->clear();
+  interpreter_ = previous;
+  interp->setRefCnt(0);
+  delete interp;
+  return ok;
+}
+
+bool QelVirtualMachine::loadNativeModule(const QelChar* path) {
+  if (!path) return false;
+  QelString name(path);
+  if (modules_->find(name)) return true;
+  const QelChar* found = searchPath(path);
+  std::string file = qel::toUtf8(found ? found : path);
+  void* lib = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!lib) return false;
+  QelDictionaryEntry& e = (*modules_)[name];
+  e.setValue(QelValue(qelHandleFor(lib)));
+  // A library without the export stays loaded and recorded; it is freed with the rest.
+  void* sym = dlsym(lib, "RegisterNativeModule");
+  if (!sym) return false;
+  reinterpret_cast<void (*)(QelVirtualMachine*)>(sym)(this);
+  return true;
+}
+
+bool QelVirtualMachine::dbgWait() { return dbgWaitProc_ ? dbgWaitProc_() : false; }
+
+bool (*QelVirtualMachine::setDbgWaitProc(bool (*proc)()))() {
+  bool (*previous)() = dbgWaitProc_;
+  dbgWaitProc_ = proc;
+  return previous;
+}
