@@ -69,8 +69,13 @@ class QEL_API QelObject : public QelRefObject {
 
   QelClass* getClass() const;
   QelVector* getMemberData() const { return members_; }
+  // Tells the class (and so the machine) once that this object ends.
+  void runDeletionNotice();
+  // Lets go of the member data (a dead object keeps none).
+  void releaseMembers();
 
  private:
   QelObject& operator=(const QelObject&) = delete;
   QelVector* members_;
+  bool noticed_;
 };

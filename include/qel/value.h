@@ -26,6 +26,13 @@ class QelDictionary;
 class QelDictionaryEntry;
 
 // Base of every shared heap object: a virtual destructor and a signed count.
+//
+// Besides the count of owning values, an object keeps a tally of the non-owning
+// reference values that point at it. When the last owner lets go while references
+// remain, the object is finished (an object's script destructor runs, containers
+// drop their elements) and marked dead, but its memory stays until the last reference
+// is gone; a reference to a dead object reads as null. So a reference can never
+// reach freed memory.
 class QEL_API QelRefObject {
  public:
   virtual ~QelRefObject() {}
@@ -33,19 +40,51 @@ class QEL_API QelRefObject {
   // Drops one count; at 0 or below the object deletes itself and 0 is answered.
   int32_t release() {
     if (--refCnt_ > 0) return refCnt_;
-    delete this;
+    lastRelease();
     return 0;
   }
   int32_t getRefCnt() const { return refCnt_; }
   void setRefCnt(int32_t n) { refCnt_ = n; }
 
+  // The tally of reference values pointing here.
+  void addWeak() { ++weak_; }
+  void dropWeak() {
+    --weak_;
+    if ((weak_ & kWeakMask) == 0 && refCnt_ <= 0) lastWeakDropped();
+  }
+  bool isDead() const { return (weak_ & kDead) != 0; }
+  // Ends the object now although references remain (a script's "delete").
+  void destroy();
+
  protected:
-  QelRefObject() : refCnt_(0) {}
-  QelRefObject(const QelRefObject&) : refCnt_(0) {}
-  QelRefObject& operator=(const QelRefObject& o) = default;
+  QelRefObject() : refCnt_(0), weak_(0) {}
+  QelRefObject(const QelRefObject&) : refCnt_(0), weak_(0) {}
+  QelRefObject& operator=(const QelRefObject& o) {
+    refCnt_ = o.refCnt_;
+    return *this;
+  }
+  // Marks objects whose end runs a script destructor, and containers whose elements
+  // are dropped when they die with references left.
+  void setFinishKind(bool isObject, bool isContainer) {
+    weak_ |= (isObject ? kIsObject : 0u) | (isContainer ? kIsContainer : 0u);
+  }
 
  private:
+  static constexpr uint32_t kDead = 0x80000000u;
+  static constexpr uint32_t kDying = 0x40000000u;
+  static constexpr uint32_t kIsObject = 0x20000000u;
+  static constexpr uint32_t kIsContainer = 0x10000000u;
+  static constexpr uint32_t kAbandoned = 0x08000000u;
+  static constexpr uint32_t kWeakMask = 0x07FFFFFFu;
+
+  friend class QelValue;
+  void lastRelease();
+  void lastWeakDropped();
+  void end();
+  void finish();
+
   int32_t refCnt_;
+  uint32_t weak_;
 };
 
 enum QelValueType : int32_t {
@@ -83,6 +122,8 @@ constexpr int QVT_TYPE_COUNT = 24;
 QEL_API const QelChar* getValueTypeName(QelValueType type);
 
 inline bool qelOwnsCount(QelValueType t) { return t >= QVT_BYTECODE && t <= QVT_DICTIONARY; }
+// Reference types that point at a heap object (a native function reference does not).
+inline bool qelIsObjectRef(QelValueType t) { return t >= QVT_BYTECODEREF && t <= QVT_DICTIONARYREF; }
 
 class QEL_API QelValue {
  public:
@@ -102,9 +143,7 @@ class QEL_API QelValue {
   QelValue(QelDictionaryEntry* e) : type_(QVT_VAR) { u_.p = e; }
   // Untyped form: counts for every type below 15 (see assignRef).
   QelValue(QelRefObject* obj, QelValueType type);
-  QelValue(const QelValue& v) : type_(v.type_), u_(v.u_) {
-    if (qelOwnsCount(type_) && u_.o) u_.o->addRef();
-  }
+  QelValue(const QelValue& v) : type_(v.type_), u_(v.u_) { hold(); }
   // Moving transfers the count: the source becomes null.
   QelValue(QelValue&& v) noexcept : type_(v.type_), u_(v.u_) {
     v.type_ = QVT_NULL;
@@ -121,8 +160,8 @@ class QEL_API QelValue {
     Payload old = u_;
     type_ = v.type_;
     u_ = v.u_;
-    if (qelOwnsCount(type_) && u_.o) u_.o->addRef();
-    if (qelOwnsCount(oldType) && old.o) old.o->release();
+    hold();
+    let(oldType, old.o);
     return *this;
   }
   QelValue& operator=(QelValue&& v) noexcept {
@@ -133,24 +172,23 @@ class QEL_API QelValue {
     u_ = v.u_;
     v.type_ = QVT_NULL;
     v.u_.bits = 0;
-    if (qelOwnsCount(oldType) && old.o) old.o->release();
+    let(oldType, old.o);
     return *this;
   }
 
   // Releases an owned object and leaves a null value; safe to repeat.
   void dispose() {
-    if (qelOwnsCount(type_) && u_.o) {
-      QelRefObject* o = u_.o;
-      type_ = QVT_NULL;
-      u_.bits = 0;
-      o->release();
-      return;
-    }
+    QelValueType t = type_;
+    QelRefObject* o = u_.o;
     type_ = QVT_NULL;
     u_.bits = 0;
+    let(t, o);
   }
   // Replaces the pointer, keeping the type; counts for every type below 15.
   void assignRef(QelRefObject* obj);
+  // Turns an owning value into its reference twin, giving up its count without ever
+  // deleting (the make-reference operation).
+  void makeReference();
 
   QelValueType getType() const { return type_; }
   void setType(QelValueType t) { type_ = t; }
@@ -206,7 +244,7 @@ class QEL_API QelValue {
     type_ = QVT_INTEGER;
     u_.bits = 0;
     u_.l = l;
-    if (qelOwnsCount(oldType) && old) old->release();
+    let(oldType, old);
   }
   void setFloat(float f) {
     QelValueType oldType = type_;
@@ -214,18 +252,34 @@ class QEL_API QelValue {
     type_ = QVT_FLOAT;
     u_.bits = 0;
     u_.f = f;
-    if (qelOwnsCount(oldType) && old) old->release();
+    let(oldType, old);
   }
   void setDouble(double d) {
     QelValueType oldType = type_;
     QelRefObject* old = u_.o;
     type_ = QVT_DOUBLE;
     u_.d = d;
-    if (qelOwnsCount(oldType) && old) old->release();
+    let(oldType, old);
   }
 
  private:
   static int32_t truncToLong(double d);
+  // Takes what this cell's type holds on its object: a count or a reference tally.
+  void hold() const {
+    if (qelOwnsCount(type_)) {
+      if (u_.o) u_.o->addRef();
+    } else if (qelIsObjectRef(type_) && u_.o) {
+      u_.o->addWeak();
+    }
+  }
+  // Lets go of what a cell of type t held on o.
+  static void let(QelValueType t, QelRefObject* o) {
+    if (qelOwnsCount(t)) {
+      if (o) o->release();
+    } else if (qelIsObjectRef(t) && o) {
+      o->dropWeak();
+    }
+  }
 
   QelValueType type_;
   union Payload {

@@ -31,6 +31,14 @@ class QEL_API QelVirtualMachine {
   // machine's printer), the trace to tracePrinter. The top of the stack becomes the result.
   bool execute(const QelChar* name, int argc, const QelChar** argv, bool trace = false,
                IQelPrinter* errorPrinter = nullptr, IQelPrinter* tracePrinter = nullptr);
+  // Compiles a source file (opened as text) or a source text into the registries.
+  // showInfo prints a line per declaration; listing prints every finished procedure.
+  bool compileFile(const QelChar* path, bool showInfo = false, bool listing = false, IQelPrinter* printer = nullptr,
+                   IQelPrinter* listingPrinter = nullptr);
+  bool compileText(const QelChar* text, bool showInfo = false, bool listing = false, IQelPrinter* printer = nullptr,
+                   IQelPrinter* listingPrinter = nullptr);
+  // Makes this machine a copy of another: its modules (loaded again), symbols and classes.
+  void cloneSymbols(const QelVirtualMachine& other);
   // Loads a native library and calls its "RegisterNativeModule" with this machine.
   bool loadNativeModule(const QelChar* path);
   // Asks the host's wait procedure whether single-stepping goes on; false without one.
@@ -48,6 +56,9 @@ class QEL_API QelVirtualMachine {
 
  private:
   void freeModules();
+  void clearRegistries();
+  bool compileSource(void* fp, const QelChar* text, const QelChar* name, bool showInfo, bool listing,
+                     IQelPrinter* printer, IQelPrinter* listingPrinter);
 
   QelDictionary* classes_;
   QelDictionary* symbols_;

@@ -428,22 +428,19 @@ bool QelInterpreter::doOP_VSET() {
 }
 
 bool QelInterpreter::doOP_MKREF() {
-  QelValue& top = SP[0];
-  QelValueType t = top.getType();
-  if (t < QVT_CODE || t > QVT_DICTIONARY) return true;
-  QelRefObject* obj = t == QVT_CODE ? nullptr : top.getRef();
-  // The value stops owning: its count is given up without ever deleting.
-  top.setType(static_cast<QelValueType>(t + QVT_REF_OFFSET));
-  if (obj && obj->getRefCnt() > 0) obj->setRefCnt(obj->getRefCnt() - 1);
+  SP[0].makeReference();
   return true;
 }
 
+// Ends the referenced object when no owner holds it any more; references to it then
+// read as a dead object.
 bool QelInterpreter::doOP_DELETE() {
-  QelValue& top = SP[0];
-  QelValueType t = top.getType();
-  QelRefObject* obj = top.getRef();
-  top.dispose();
-  if (t > QVT_CODEREF && t <= QVT_DICTIONARYREF && obj && obj->getRefCnt() == 0) delete obj;
+  QelRefObject* obj = qelIsObjectRef(SP[0].getType()) ? SP[0].getRef() : nullptr;
+  if (obj && obj->getRefCnt() == 0) {
+    QelValue keep(SP[0]);  // the object's memory stays while this reference lives
+    obj->destroy();        // may run a script destructor, which moves the stack
+  }
+  SP[0].dispose();
   return true;
 }
 

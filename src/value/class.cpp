@@ -156,7 +156,8 @@ int QelClass::getMemberIndex(const QelString& name) const {
 
 void QelClass::notifyObjDelete(QelObject* obj) { vm_->notifyObjDelete(obj); }
 
-QelObject::QelObject(QelClass* cls) : members_(nullptr) {
+QelObject::QelObject(QelClass* cls) : members_(nullptr), noticed_(false) {
+  setFinishKind(true, false);
   if (!cls) return;
   int size = cls->getDataSize();
   if (size < 0) size = cls->computeDataSize();
@@ -165,16 +166,28 @@ QelObject::QelObject(QelClass* cls) : members_(nullptr) {
   (*members_)[0] = QelValue(cls, false);
 }
 
-QelObject::QelObject(const QelObject& o) : QelRefObject(), members_(nullptr) {
+QelObject::QelObject(const QelObject& o) : QelRefObject(), members_(nullptr), noticed_(false) {
+  setFinishKind(true, false);
   if (!o.members_) return;
   members_ = new QelVector(*o.members_);
   members_->addRef();
 }
 
 QelObject::~QelObject() {
-  if (!members_) return;
+  runDeletionNotice();
+  releaseMembers();
+}
+
+void QelObject::runDeletionNotice() {
+  if (noticed_ || !members_) return;
+  noticed_ = true;
   if (QelClass* cls = getClass()) cls->notifyObjDelete(this);
-  members_->release();
+}
+
+void QelObject::releaseMembers() {
+  QelVector* members = members_;
+  members_ = nullptr;
+  if (members) members->release();
 }
 
 QelClass* QelObject::getClass() const {

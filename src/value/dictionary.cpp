@@ -38,7 +38,9 @@ QelDictionaryEntry::~QelDictionaryEntry() {
   key_ = nullptr;
 }
 
-QelDictionary::QelDictionary(bool sorted) : owner_(nullptr), first_(nullptr), sorted_(sorted) {}
+QelDictionary::QelDictionary(bool sorted) : owner_(nullptr), first_(nullptr), sorted_(sorted) {
+  setFinishKind(false, true);
+}
 
 QelDictionary::~QelDictionary() { clear(); }
 

@@ -4,6 +4,7 @@
 
 #include "qel/buffer.h"
 #include "qel/class.h"
+#include "qel/dictionary.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ const QelChar* getValueTypeName(QelValueType type) { return kTypeNames[type]; }
   QelValue::QelValue(Class* obj, bool ref) : type_(typedKind(Kind, ref)) { \
     u_.bits = 0;                                                    \
     u_.o = obj;                                                     \
-    if (!ref && obj) obj->addRef();                                 \
+    if (obj) ref ? obj->addWeak() : static_cast<void>(obj->addRef()); \
   }
 
 QEL_TYPED_CONSTRUCTOR(QelBuffer, QVT_BUFFER)
@@ -48,22 +49,89 @@ QelValue::QelValue(QelVector* v, bool bytecode, bool ref)
     : type_(typedKind(bytecode ? QVT_BYTECODE : QVT_VECTOR, ref)) {
   u_.bits = 0;
   u_.o = v;
-  if (!ref && v) v->addRef();
+  if (v) ref ? v->addWeak() : static_cast<void>(v->addRef());
 }
 
 QelValue::QelValue(QelRefObject* obj, QelValueType type) : type_(type) {
   u_.bits = 0;
   u_.o = obj;
   if (obj && untypedCounts(type)) obj->addRef();
+  if (obj && qelIsObjectRef(type)) obj->addWeak();
 }
 
 void QelValue::assignRef(QelRefObject* obj) {
-  bool counts = untypedCounts(type_);
   QelRefObject* old = u_.o;
   u_.bits = 0;
   u_.o = obj;
-  if (counts && obj) obj->addRef();
-  if (counts && old) old->release();
+  if (obj) {
+    if (untypedCounts(type_)) obj->addRef();
+    else if (qelIsObjectRef(type_)) obj->addWeak();
+  }
+  if (old) {
+    if (untypedCounts(type_)) old->release();
+    else if (qelIsObjectRef(type_)) old->dropWeak();
+  }
+}
+
+void QelValue::makeReference() {
+  if (type_ < QVT_CODE || type_ > QVT_DICTIONARY) return;
+  type_ = static_cast<QelValueType>(type_ + QVT_REF_OFFSET);
+  if (type_ == QVT_CODEREF || !u_.o) return;
+  QelRefObject* obj = u_.o;
+  obj->addWeak();
+  if (obj->refCnt_ > 0 && --obj->refCnt_ == 0) obj->weak_ |= QelRefObject::kAbandoned;
+}
+
+// ---- The end of an object's life ----
+
+void QelRefObject::lastRelease() {
+  if (weak_ & (kDying | kDead)) return;  // being ended already, or dead and waiting
+  end();
+}
+
+void QelRefObject::destroy() {
+  if (weak_ & (kDying | kDead)) return;
+  end();
+}
+
+void QelRefObject::end() {
+  if (weak_ & kIsObject) {
+    // The script destructor runs first, while the object still answers as alive.
+    weak_ |= kDying;
+    static_cast<QelObject*>(this)->runDeletionNotice();
+    weak_ &= ~kDying;
+    if (refCnt_ > 0) return;  // the destructor kept an owning copy: it lives on
+  }
+  if ((weak_ & kWeakMask) == 0) {
+    weak_ |= kDying;
+    delete this;
+    return;
+  }
+  weak_ |= kDead;
+  finish();
+}
+
+// A dead object keeps its memory for its references but lets go of what it holds.
+void QelRefObject::finish() {
+  weak_ |= kDying;
+  if (weak_ & kIsObject) {
+    static_cast<QelObject*>(this)->releaseMembers();
+  } else if (weak_ & kIsContainer) {
+    if (QelVector* v = dynamic_cast<QelVector*>(this)) v->clear();
+    else if (QelDictionary* d = dynamic_cast<QelDictionary*>(this)) d->clear();
+  }
+  weak_ &= ~kDying;
+}
+
+void QelRefObject::lastWeakDropped() {
+  if (weak_ & kDying) return;
+  if (weak_ & kDead) {
+    weak_ |= kDying;
+    delete this;
+  } else if (weak_ & kAbandoned) {
+    // Its count was given up to references, and the last of them is gone.
+    end();
+  }
 }
 
 void* QelValue::addr() {

@@ -17,10 +17,12 @@ const QelValue kNullValue;
 }  // namespace
 
 QelVector::QelVector() : size_(0), capacity_(2), data_(allocCells(2)) {
+  setFinishKind(false, true);
   if (!data_) capacity_ = 0;
 }
 
 QelVector::QelVector(unsigned int n, bool setSize) : size_(0), capacity_(n < 2 ? 2 : n) {
+  setFinishKind(false, true);
   data_ = allocCells(capacity_);
   if (!data_) {
     capacity_ = 0;
@@ -30,6 +32,7 @@ QelVector::QelVector(unsigned int n, bool setSize) : size_(0), capacity_(n < 2 ?
 }
 
 QelVector::QelVector(const QelVector& v) : QelRefObject(), size_(0), capacity_(v.capacity_ < 2 ? 2 : v.capacity_) {
+  setFinishKind(false, true);
   data_ = allocCells(capacity_);
   if (!data_) errorExit(1);
   for (unsigned int i = 0; i < v.size_; ++i) data_[i] = v.data_[i];

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 
 #include "qel/builtins.h"
+#include "qel/compiler.h"
 #include "qel/debugger.h"
 #include "qel/interpreter.h"
 #include "qel/platform.h"
@@ -27,8 +28,7 @@ QelVirtualMachine::QelVirtualMachine(IQelPrinter* printer)
 }
 
 QelVirtualMachine::~QelVirtualMachine() {
-  classes_->clear();
-  symbols_->clear();
+  clearRegistries();
   freeModules();
   result_.dispose();
   classes_->release();
@@ -46,9 +46,22 @@ void QelVirtualMachine::freeModules() {
   modules_->clear();
 }
 
-void QelVirtualMachine::reinit() {
-  classes_->clear();
+// Member functions hold their class (a procedure names its class) and static members
+// may hold objects of it: the class members are emptied first so those cycles break.
+void QelVirtualMachine::clearRegistries() {
+  for (QelDictionaryEntry* e = classes_->getFirst(); e; e = e->getNext()) {
+    if (QelClass* cls = e->getValue()) {
+      if (cls->getIsNative()) continue;
+      cls->funcMembers().clear();
+      cls->dataMembers().clear();
+    }
+  }
   symbols_->clear();
+  classes_->clear();
+}
+
+void QelVirtualMachine::reinit() {
+  clearRegistries();
   freeModules();
   QelDefaultFunctions::registerFunctions(this);
 }
@@ -124,6 +137,48 @@ bool QelVirtualMachine::loadNativeModule(const QelChar* path) {
   if (!sym) return false;
   reinterpret_cast<void (*)(QelVirtualMachine*)>(sym)(this);
   return true;
+}
+
+void QelVirtualMachine::cloneSymbols(const QelVirtualMachine& other) {
+  if (&other == this) return;
+  clearRegistries();
+  freeModules();
+  for (QelDictionaryEntry* e = other.modules_->getFirst(); e; e = e->getNext()) {
+    loadNativeModule(e->getKey()->c_str());
+  }
+  for (QelDictionaryEntry* e = other.symbols_->getFirst(); e; e = e->getNext()) {
+    (*symbols_)[*e->getKey()] = *e;
+  }
+  for (QelDictionaryEntry* e = other.classes_->getFirst(); e; e = e->getNext()) {
+    (*classes_)[*e->getKey()] = *e;
+  }
+}
+
+bool QelVirtualMachine::compileSource(void* fp, const QelChar* text, const QelChar* name, bool showInfo,
+                                      bool listing, IQelPrinter* printer, IQelPrinter* listingPrinter) {
+  QelCompiler compiler(*this, printer);
+  compiler.setShowInfo(showInfo);
+  QelDebugger debugger(*this, listingPrinter);
+  if (listing) compiler.setDebugger(&debugger);
+  return fp ? compiler.compile(fp, name) : compiler.compile(text, name);
+}
+
+bool QelVirtualMachine::compileFile(const QelChar* path, bool showInfo, bool listing, IQelPrinter* printer,
+                                    IQelPrinter* listingPrinter) {
+  if (!path) return false;
+  FILE* fp = qel::openFile(path, u"rt");
+  if (!fp) {
+    (*printer_)(u"error opening file %s\n", path);
+    return false;
+  }
+  // The compiler's scanner closes the stream.
+  return compileSource(fp, nullptr, path, showInfo, listing, printer, listingPrinter);
+}
+
+bool QelVirtualMachine::compileText(const QelChar* text, bool showInfo, bool listing, IQelPrinter* printer,
+                                    IQelPrinter* listingPrinter) {
+  if (!text) return false;
+  return compileSource(nullptr, text, u"", showInfo, listing, printer, listingPrinter);
 }
 
 bool QelVirtualMachine::dbgWait() { return dbgWaitProc_ ? dbgWaitProc_() : false; }

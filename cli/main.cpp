@@ -1,0 +1,140 @@
+// qel: compiles a script and runs one of its procedures.
+//
+//   qel [options] FILE [ARG...]
+//
+// The procedure ("main" unless -e names another) receives the ARGs as strings; the
+// scripts' command arguments are FILE followed by the ARGs. Standard output gets
+// what scripts print and the listing; standard error gets compiler reports, show-info
+// lines, runtime errors and the trace.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "qel.h"
+
+namespace {
+
+// Exit statuses in the manner of sysexits.
+const int kExitUsage = 64;
+const int kExitCompile = 65;
+const int kExitNoInput = 66;
+const int kExitRuntime = 70;
+
+const char kUsage[] =
+    "usage: qel [options] FILE [ARG...]\n"
+    "Compiles FILE and runs its procedure main with the ARGs as string arguments.\n"
+    "\n"
+    "options:\n"
+    "  -e NAME     run the procedure NAME instead of main\n"
+    "  -i          print a line per declared class and function (standard error)\n"
+    "  -l          print the listing of every compiled procedure (standard output)\n"
+    "  -t          trace every executed instruction (standard error)\n"
+    "  -h, --help  show this help\n"
+    "  --version   show the version\n"
+    "  --          end of options\n"
+    "\n"
+    "exit status: the procedure's integer result (0-255), 0 when it returns no integer;\n"
+    "64 bad usage, 65 compile errors, 66 FILE cannot be opened, 70 runtime error.\n";
+
+struct Options {
+  std::string entry = "main";
+  bool showInfo = false;
+  bool listing = false;
+  bool trace = false;
+  std::string file;
+  std::vector<std::string> args;
+};
+
+int usageError(const std::string& message) {
+  fprintf(stderr, "qel: %s\n", message.c_str());
+  fputs("usage: qel [options] FILE [ARG...]   (qel --help for more)\n", stderr);
+  return kExitUsage;
+}
+
+// Answers -1 when the options are complete, else the exit status to end with.
+int parseOptions(int argc, char** argv, Options& opt) {
+  int i = 1;
+  for (; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "--") {
+      ++i;
+      break;
+    }
+    if (a.size() < 2 || a[0] != '-') break;
+    if (a == "-h" || a == "--help") {
+      fputs(kUsage, stdout);
+      return 0;
+    }
+    if (a == "--version") {
+      printf("qel %s\n", QEL_VERSION);
+      return 0;
+    }
+    if (a == "-e") {
+      if (i + 1 >= argc) return usageError("option -e needs a procedure name");
+      opt.entry = argv[++i];
+    } else if (a == "-i") {
+      opt.showInfo = true;
+    } else if (a == "-l") {
+      opt.listing = true;
+    } else if (a == "-t") {
+      opt.trace = true;
+    } else {
+      return usageError("unknown option " + a);
+    }
+  }
+  if (i >= argc) return usageError("no script file given");
+  opt.file = argv[i++];
+  for (; i < argc; ++i) opt.args.emplace_back(argv[i]);
+  return -1;
+}
+
+// Statuses of a finished run: the integer result masked to 0-255, or 0.
+int exitStatusOf(const QelValue& result) {
+  if (result.getType() != QVT_INTEGER) return 0;
+  return result.toLong() & 0xFF;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options opt;
+  int early = parseOptions(argc, argv, opt);
+  if (early >= 0) return early;
+
+  FILE* probe = fopen(opt.file.c_str(), "r");
+  if (!probe) {
+    fprintf(stderr, "qel: cannot open %s\n", opt.file.c_str());
+    return kExitNoInput;
+  }
+  fclose(probe);
+
+  QelFileStreamPrinter out(stdout, false);
+  QelFileStreamPrinter err(stderr, false);
+  QelVirtualMachine vm(&out);
+
+  std::vector<QelString> texts;
+  texts.reserve(opt.args.size() + 1);
+  texts.emplace_back(opt.file.c_str());
+  for (const std::string& a : opt.args) texts.emplace_back(a.c_str());
+  std::vector<const QelChar*> argvText;
+  for (const QelString& t : texts) argvText.push_back(t.c_str());
+  vm.cmdargc() = static_cast<int>(argvText.size());
+  vm.cmdargv() = argvText.data();
+
+  if (!vm.compileFile(texts[0].c_str(), opt.showInfo, opt.listing, &err, &out)) {
+    fflush(stdout);
+    return kExitCompile;
+  }
+  QelString entry(opt.entry.c_str());
+  if (!vm.symbols().find(entry)) {
+    fflush(stdout);
+    fprintf(stderr, "qel: no procedure named %s\n", opt.entry.c_str());
+    return kExitRuntime;
+  }
+  const QelChar** procArgs = argvText.size() > 1 ? argvText.data() + 1 : nullptr;
+  bool ok = vm.execute(entry.c_str(), static_cast<int>(argvText.size()) - 1, procArgs, opt.trace, &err, &err);
+  fflush(stdout);
+  if (!ok) return kExitRuntime;
+  return exitStatusOf(vm.getResult());
+}
