@@ -233,6 +233,17 @@ class QEL_API QelValue {
   uint64_t rawBits() const { return u_.bits; }
 
   bool isNull() const { return type_ == QVT_NULL; }
+  // A value that holds nothing on an object: copying it is a plain copy of the cell.
+  bool isPlain() const { return (kPlainTypes >> (static_cast<uint32_t>(type_) & 31)) & 1; }
+  // Copies v into this cell when both are plain, else assigns as usual.
+  void assignFast(const QelValue& v) {
+    if (isPlain() && v.isPlain()) {
+      type_ = v.type_;
+      u_ = v.u_;
+    } else {
+      *this = v;
+    }
+  }
   bool isObject() const { return type_ == QVT_OBJECT || type_ == QVT_OBJECTREF; }
   bool isString() const { return type_ == QVT_STRING || type_ == QVT_STRINGREF; }
   bool isNumber() const { return type_ >= QVT_INTEGER && type_ <= QVT_DOUBLE; }
@@ -263,6 +274,8 @@ class QEL_API QelValue {
   }
 
  private:
+  // Types 0 to 5, QVT_VAR and QVT_CODEREF hold nothing on an object.
+  static constexpr uint32_t kPlainTypes = 0x3Fu | (1u << QVT_VAR) | (1u << QVT_CODEREF);
   static int32_t truncToLong(double d);
   // Takes what this cell's type holds on its object: a count or a reference tally.
   void hold() const {

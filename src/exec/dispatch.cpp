@@ -170,15 +170,30 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         break;
       case OP_BAND:
         NEED_OPERANDS(1);
-        if (!doOP_BAND()) return false;
+        if (BOTH_INTEGERS()) {
+          STACK[sp - 1].rawLong() = STACK[sp - 1].rawLong() & TOP.rawLong();
+          --sp;
+        } else if (!doOP_BAND()) {
+          return false;
+        }
         break;
       case OP_BOR:
         NEED_OPERANDS(1);
-        if (!doOP_BOR()) return false;
+        if (BOTH_INTEGERS()) {
+          STACK[sp - 1].rawLong() = STACK[sp - 1].rawLong() | TOP.rawLong();
+          --sp;
+        } else if (!doOP_BOR()) {
+          return false;
+        }
         break;
       case OP_XOR:
         NEED_OPERANDS(1);
-        if (!doOP_XOR()) return false;
+        if (BOTH_INTEGERS()) {
+          STACK[sp - 1].rawLong() = STACK[sp - 1].rawLong() ^ TOP.rawLong();
+          --sp;
+        } else if (!doOP_XOR()) {
+          return false;
+        }
         break;
       case OP_BNOT:
         if (TOP.getType() == QVT_INTEGER) {
@@ -225,7 +240,7 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
       case OP_LIT:
         READ_INDEX();
         if (QEL_UNLIKELY(operand >= proc.size())) FAIL(kMsgBadLiteral);
-        TOP = proc[operand];
+        TOP.assignFast(proc[operand]);
         break;
       case OP_RETURN:
         return true;
@@ -277,7 +292,7 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         READ_INDEX();
         if (operand >= nargs) FAIL(kMsgTooFewArguments);
         if (op == OP_AREF) {
-          TOP = SP.at(bp + 1 + static_cast<int>(operand) - sp);
+          TOP.assignFast(SP.at(bp + 1 + static_cast<int>(operand) - sp));
         } else {
           int slot = bp + 1 + static_cast<int>(operand);
           if (slot < 0) FAIL(kMsgSubscript);
@@ -292,12 +307,20 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         int64_t slot = static_cast<int64_t>(fp) + 1 + operand;
         if (op == OP_TREF) {
           // Temporaries are not bounds-tested; a slot past the stack reads nil.
-          TOP = (slot >= 0 && slot < static_cast<int64_t>(size())) ? STACK[slot] : QelValue();
+          if (slot >= 0 && slot < static_cast<int64_t>(size())) {
+            TOP.assignFast(STACK[slot]);
+          } else {
+            TOP.dispose();
+          }
         } else {
           if (slot < 0 || slot > static_cast<int64_t>(sp) + 65536) FAIL(kMsgSubscript);
           ENSURE_SLOT(slot);
-          QelValue v(TOP);
-          STACK[slot] = std::move(v);
+          if (TOP.isPlain() && STACK[slot].isPlain()) {
+            STACK[slot].assignFast(TOP);
+          } else {
+            QelValue v(TOP);
+            STACK[slot] = std::move(v);
+          }
         }
         break;
       }
@@ -332,6 +355,7 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         STACK[sp] = STACK[sp - 1];
         break;
       case OP_POP:
+        NEED_OPERANDS(1);  // the stack keeps its bottom slot
         TOP.dispose();
         --sp;
         break;
@@ -365,11 +389,6 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
       default:
         // Bytes that are no opcode are skipped.
         break;
-    }
-    if (QEL_UNLIKELY(sp < 0)) {
-      // A pop below the bottom of the stack: the stack keeps one slot under SP.
-      sp = 0;
-      FAIL(kMsgStackCorrupted);
     }
   }
 #undef STACK

@@ -185,16 +185,19 @@ bool QelInterpreter::send(int n, const QelChar* name) {
   if (!cls) return returnError(u"QelInterpreter::send : object expected\n", nullptr);
   QelValue keepClass(cls, false);
 
-  QelString method;
+  // The name is read in place: a send allocates nothing.
+  QelValue nameHolder;
+  const QelChar* method;
   int count;
   if (!name) {
     const QelValue& nameValue = SP.at(1 - n);
     if (!checkType(nameValue, QVT_STRING)) return false;
-    method = *static_cast<QelString*>(nameValue);
+    nameHolder = nameValue;
+    method = static_cast<QelString*>(nameHolder) ? static_cast<QelString*>(nameHolder)->c_str() : u"";
     (*this)[receiver + 1] = (*this)[receiver];
     count = n;
   } else {
-    method = QelString(name);
+    method = name;
     ++SP;
     for (int i = SP.current() - 1; i >= receiver; --i) (*this)[i + 1] = (*this)[i];
     count = n + 1;
@@ -202,12 +205,13 @@ bool QelInterpreter::send(int n, const QelChar* name) {
 
   QelDictionaryEntry* entry = cls->funcMembers().find(method);
   while (!entry) {
-    if (method.find(QelString(u"BC_"), 0) == 0) method.erase(0, 3);
+    // "BC_" sends skip to the base classes: a derived destructor reaches its base's.
+    if (method[0] == 'B' && method[1] == 'C' && method[2] == '_') method += 3;
     cls = cls->getBaseClass();
     if (!cls) {
       // A missing destructor is no error.
-      if (method.equals(u"dtor") || method.equals(u"BC_dtor")) return true;
-      return noMethod(method.c_str());
+      if (qelStrCmp(method, u"dtor") == 0 || qelStrCmp(method, u"BC_dtor") == 0) return true;
+      return noMethod(method);
     }
     entry = cls->funcMembers().find(method);
   }
@@ -218,18 +222,18 @@ bool QelInterpreter::send(int n, const QelChar* name) {
     case QVT_CODE:
     case QVT_CODEREF: {
       QelNativeFunction fn = reinterpret_cast<QelNativeFunction>(callee.ptr());
-      ok = fn ? fn(&vm_, count, SP) : returnError(method.c_str(), u" : NULL pointer to native function\n");
+      ok = fn ? fn(&vm_, count, SP) : returnError(method, u" : NULL pointer to native function\n");
       break;
     }
     case QVT_BYTECODE:
     case QVT_BYTECODEREF: {
       QelVector* proc = callee;
-      ok = proc ? call(count, proc) : returnError(method.c_str(), u" : NULL pointer to bytecode\n");
+      ok = proc ? call(count, proc) : returnError(method, u" : NULL pointer to bytecode\n");
       break;
     }
     default:
       // No blank before "has": the message reads as it always has.
-      ok = returnError(method.c_str(), u"has no method implementation\n");
+      ok = returnError(method, u"has no method implementation\n");
       break;
   }
   if (receiver >= 0) {
@@ -285,7 +289,7 @@ QelString* QelInterpreter::getStringFromValue(QelValue& v) {
   if (QelString* s = v) return s;
   QelObject* obj = v;
   QelClass* cls = obj ? obj->getClass() : nullptr;
-  if (!cls || !cls->findFunction(QelString(u"toString"))) return nullptr;
+  if (!cls || !cls->findFunction(u"toString")) return nullptr;
   int saved = SP.current();
   QelValue copy(v);
   SP.setIndex(static_cast<int>(size()) - 1);

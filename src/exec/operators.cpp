@@ -232,7 +232,7 @@ bool hasCompare(const QelValue& v) {
   if (!v.isObject()) return false;
   QelObject* obj = v;
   QelClass* cls = obj ? obj->getClass() : nullptr;
-  return cls && cls->findFunction(QelString(u"compare"));
+  return cls && cls->findFunction(u"compare");
 }
 
 int comparePayloads(const QelValue& a, const QelValue& b) {

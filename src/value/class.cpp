@@ -91,7 +91,7 @@ QelDictionaryEntry* QelClass::findMember(const QelString& name, bool inherited) 
   return nullptr;
 }
 
-QelDictionaryEntry* QelClass::findFunction(const QelString& name) const {
+QelDictionaryEntry* QelClass::findFunction(const QelChar* name) const {
   for (const QelClass* k = this; k; k = k->base_) {
     if (QelDictionaryEntry* e = k->funcs_->find(name)) return e;
   }
