@@ -3,6 +3,7 @@
 #   NAME.out     expected standard output (absent: no output expected)
 #   NAME.status  expected exit status (absent: 0)
 #   NAME.err     lines that must each appear in standard error
+#   NAME.noerr   lines none of which may appear in standard error
 #   NAME.args    extra command-line words for qel, before the script (e.g. -e start)
 set -u
 qel=$1
@@ -36,6 +37,13 @@ if [ -f "$name.err" ]; then
       echo "standard error lacks: $line"; failed=1
     fi
   done < "$name.err"
+fi
+if [ -f "$name.noerr" ]; then
+  while IFS= read -r line; do
+    if grep -qF -- "$line" "$work/err"; then
+      echo "standard error holds: $line"; failed=1
+    fi
+  done < "$name.noerr"
 fi
 if [ $failed -ne 0 ]; then
   echo "--- standard error ---"; cat "$work/err"
