@@ -133,13 +133,13 @@ class QEL_API QelValue {
   QelValue(double d) : type_(QVT_DOUBLE) { u_.d = d; }
   QelValue(void* file) : type_(QVT_FILE) { u_.p = file; }
   QelValue(QelNativeFunction fn) : type_(QVT_CODE) { u_.fn = fn; }
-  QelValue(QelVector* v, bool bytecode, bool ref);
-  QelValue(QelBuffer* b, bool ref);
-  QelValue(QelCharBuffer* b, bool ref);
-  QelValue(QelClass* c, bool ref);
-  QelValue(QelObject* o, bool ref);
-  QelValue(QelString* s, bool ref);
-  QelValue(QelDictionary* d, bool ref);
+  QelValue(QelVector* v, bool bytecode = false, bool ref = false);
+  QelValue(QelBuffer* b, bool ref = false);
+  QelValue(QelCharBuffer* b, bool ref = false);
+  QelValue(QelClass* c, bool ref = false);
+  QelValue(QelObject* o, bool ref = false);
+  QelValue(QelString* s, bool ref = false);
+  QelValue(QelDictionary* d, bool ref = false);
   QelValue(QelDictionaryEntry* e) : type_(QVT_VAR) { u_.p = e; }
   // Untyped form: counts for every type below 15 (see assignRef).
   QelValue(QelRefObject* obj, QelValueType type);

@@ -27,7 +27,13 @@ class QEL_API QelVector : public QelRefObject {
   unsigned int setCapacity(unsigned int n);
   unsigned int shrink() { return setCapacity(size_); }
   void push_back(const QelValue& v) {
-    if (size_ >= capacity_) grow();
+    if (size_ >= capacity_) {
+      // v may be an element of this vector: copy it before the storage moves.
+      QelValue keep(v);
+      grow();
+      data_[size_++] = static_cast<QelValue&&>(keep);
+      return;
+    }
     data_[size_] = v;
     ++size_;
   }
