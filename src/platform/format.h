@@ -27,17 +27,17 @@
 namespace qel {
 
 // Number of QelChars the text would have.
-int formatLength(const QelChar* fmt, va_list ap);
+QEL_API int formatLength(const QelChar* fmt, va_list ap);
 // Number of UTF-8 bytes the narrow text would have.
-int formatLengthA(const char* fmt, va_list ap);
+QEL_API int formatLengthA(const char* fmt, va_list ap);
 // snprintf semantics: writes at most cap-1 characters and a terminator (when cap > 0)
 // and answers the full length.
-int formatInto(QelChar* dst, size_t cap, const QelChar* fmt, va_list ap);
-int formatIntoA(char* dst, size_t cap, const char* fmt, va_list ap);
+QEL_API int formatInto(QelChar* dst, size_t cap, const QelChar* fmt, va_list ap);
+QEL_API int formatIntoA(char* dst, size_t cap, const char* fmt, va_list ap);
 // The formatted text in a block from allocmem of exactly length+1 characters.
-QelChar* formatAlloc(const QelChar* fmt, va_list ap, unsigned int* length);
+QEL_API QelChar* formatAlloc(const QelChar* fmt, va_list ap, unsigned int* length);
 // Writes the text to a stream as UTF-8; answers the number of QelChars produced,
 // or -1 when the stream fails.
-int formatToFile(FILE* fp, const QelChar* fmt, va_list ap);
+QEL_API int formatToFile(FILE* fp, const QelChar* fmt, va_list ap);
 
 }  // namespace qel
