@@ -64,6 +64,7 @@ class QEL_API QelCompiler {
   };
 
   bool compile();
+  bool compileWith(QelScanner& scanner);
   bool _doFunction(int& errors);
   bool _doClass(int& errors);
   bool _doClassMember(QelClass* cls, QelToken t, bool usedAsBase, QelVector& instanceNames, int& errors);
@@ -92,6 +93,9 @@ class QEL_API QelCompiler {
   void _codeReturn(QelFuncContext& ctx, int& errors);
   void _codeCondition(QelFuncContext& ctx, int& errors);
   void _fixupRefChain(QelFuncContext& ctx, unsigned int chain, unsigned int target);
+  // A loop body with its own break chain and continue target; answers the chain.
+  unsigned int _codeLoopBody(QelFuncContext& ctx, int& errors, unsigned int breakChain,
+                             unsigned int continueTarget);
   unsigned int _codeBranch(QelFuncContext& ctx, QelOpCode op, unsigned int operand);
   void _requireCounted(QelChar ch, int& errors);
 

@@ -26,10 +26,7 @@ bool QelCompiler::compile(void* fp, const QelChar* name) {
     return false;
   }
   QelScanner scanner(fp, name);
-  scanner_ = &scanner;
-  bool ok = compile();
-  scanner_ = nullptr;
-  return ok;
+  return compileWith(scanner);
 }
 
 bool QelCompiler::compile(const QelChar* text, const QelChar* name) {
@@ -38,6 +35,10 @@ bool QelCompiler::compile(const QelChar* text, const QelChar* name) {
     return false;
   }
   QelScanner scanner(text, name);
+  return compileWith(scanner);
+}
+
+bool QelCompiler::compileWith(QelScanner& scanner) {
   scanner_ = &scanner;
   bool ok = compile();
   scanner_ = nullptr;

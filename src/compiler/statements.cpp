@@ -158,29 +158,30 @@ void restoreContinue(QelFuncContext& ctx, unsigned int size) {
 
 }  // namespace
 
+unsigned int QelCompiler::_codeLoopBody(QelFuncContext& ctx, int& errors, unsigned int breakChain,
+                                        unsigned int continueTarget) {
+  unsigned int continueSize = ctx.continueTargets.size();
+  ctx.breakChains.push_backDW(breakChain);
+  ctx.continueTargets.push_backDW(continueTarget);
+  _codeStatement(ctx, errors);
+  unsigned int chain = popBreakChain(ctx);
+  restoreContinue(ctx, continueSize);
+  return chain;
+}
+
 void QelCompiler::_codeWhile(QelFuncContext& ctx, int& errors) {
   unsigned int start = here(ctx);
   _codeCondition(ctx, errors);
   unsigned int exit = _codeBranch(ctx, OP_BRF, 0);
-  unsigned int continueSize = ctx.continueTargets.size();
-  ctx.breakChains.push_backDW(exit);
-  ctx.continueTargets.push_backDW(start);
-  _codeStatement(ctx, errors);
-  unsigned int chain = popBreakChain(ctx);
-  restoreContinue(ctx, continueSize);
+  unsigned int chain = _codeLoopBody(ctx, errors, exit, start);
   _codeBranch(ctx, OP_BR, start);
   _fixupRefChain(ctx, chain, here(ctx));
 }
 
 void QelCompiler::_codeDoWhile(QelFuncContext& ctx, int& errors) {
   unsigned int start = here(ctx);
-  unsigned int continueSize = ctx.continueTargets.size();
-  ctx.breakChains.push_backDW(0);
   // "continue" goes back to the top of the body, skipping the condition.
-  ctx.continueTargets.push_backDW(start);
-  _codeStatement(ctx, errors);
-  unsigned int chain = popBreakChain(ctx);
-  restoreContinue(ctx, continueSize);
+  unsigned int chain = _codeLoopBody(ctx, errors, 0, start);
   if (!_fetchRequire(QT_WHILE, 0)) ++errors;
   _codeCondition(ctx, errors);
   _requireCounted(';', errors);
@@ -202,12 +203,7 @@ void QelCompiler::_codeFor(QelFuncContext& ctx, int& errors) {
   _requireCounted(')', errors);
   _codeBranch(ctx, OP_BR, condition);
   _fixupRefChain(ctx, intoBody, here(ctx));
-  unsigned int continueSize = ctx.continueTargets.size();
-  ctx.breakChains.push_backDW(exit);
-  ctx.continueTargets.push_backDW(step);
-  _codeStatement(ctx, errors);
-  unsigned int chain = popBreakChain(ctx);
-  restoreContinue(ctx, continueSize);
+  unsigned int chain = _codeLoopBody(ctx, errors, exit, step);
   _codeBranch(ctx, OP_BR, step);
   _fixupRefChain(ctx, chain, here(ctx));
 }
