@@ -68,6 +68,7 @@ class QEL_API QelCompiler {
   bool _doFunction(int& errors);
   bool _doClass(int& errors);
   bool _doClassMember(QelClass* cls, QelToken t, bool usedAsBase, QelVector& instanceNames, int& errors);
+  bool _nextListName(QelToken& t, QelString& name, int& errors);
   bool _doPreproc(int& errors);
   bool _doInclude(int& errors);
   bool _doRegularFunction(const QelString& name, int& errors);

@@ -314,33 +314,32 @@ bool QelCompiler::_doClassMember(QelClass* cls, QelToken t, bool usedAsBase, Qel
         _doLiteralValue(scanner_->getToken(), e, errors);
         t = scanner_->getToken();
       }
-      if (!_isChar(t, ',')) break;
-      t = scanner_->getToken();
-      if (!_require(QT_IDENT, t, 0)) {
-        ++errors;
-        t = scanner_->getToken();
-        break;
-      }
-      member = QelString(scanner_->getTokenString());
-      t = scanner_->getToken();
+      if (!_nextListName(t, member, errors)) break;
     }
   } else {
     // New instance members would move the slots of derived classes.
     if (usedAsBase) _error(u"classes already used as base must not define new member variables", errors);
     for (;;) {
       if (!usedAsBase) instanceNames.push_back(QelValue(new QelString(member), false));
-      if (!_isChar(t, ',')) break;
-      t = scanner_->getToken();
-      if (!_require(QT_IDENT, t, 0)) {
-        ++errors;
-        t = scanner_->getToken();
-        break;
-      }
-      member = QelString(scanner_->getTokenString());
-      t = scanner_->getToken();
+      if (!_nextListName(t, member, errors)) break;
     }
   }
   if (!_require(QT_ANY, t, ';')) ++errors;
+  return true;
+}
+
+// After a member name: a ',' brings the next name of the list into `name` and the
+// token after it into `t`.
+bool QelCompiler::_nextListName(QelToken& t, QelString& name, int& errors) {
+  if (!_isChar(t, ',')) return false;
+  t = scanner_->getToken();
+  if (!_require(QT_IDENT, t, 0)) {
+    ++errors;
+    t = scanner_->getToken();
+    return false;
+  }
+  name = QelString(scanner_->getTokenString());
+  t = scanner_->getToken();
   return true;
 }
 

@@ -238,7 +238,7 @@ struct FileSink {
 
 enum class Size { kNone, kHH, kH, kL, kLL, kBigL, kI, kI32, kI64, kW, kZ, kJ, kT };
 
-struct Spec {
+struct Directive {
   bool left = false, plus = false, space = false, alt = false, zero = false;
   bool hasPrecision = false;
   size_t width = 0;
@@ -293,11 +293,11 @@ class Engine {
     }
   }
 
-  void integer(const Spec& sp, uint64_t magnitude, bool negative, bool isSigned, unsigned base, bool upper);
-  void floating(const Spec& sp, char conversion);
+  void integer(const Directive& sp, uint64_t magnitude, bool negative, bool isSigned, unsigned base, bool upper);
+  void floating(const Directive& sp, char conversion);
   template <class T>
-  void text(const Spec& sp, const T* s);
-  void character(const Spec& sp, bool wide);
+  void text(const Directive& sp, const T* s);
+  void character(const Directive& sp, bool wide);
 
   Sink& sink_;
   Args args_;
@@ -321,7 +321,7 @@ size_t Engine<C, Sink>::run(const C* fmt) {
       continue;
     }
 
-    Spec sp;
+    Directive sp;
     for (;; ++p) {
       if (*p == C('-')) sp.left = true;
       else if (*p == C('+')) sp.plus = true;
@@ -463,7 +463,7 @@ size_t Engine<C, Sink>::run(const C* fmt) {
       }
       case 'p': {
         uintptr_t v = reinterpret_cast<uintptr_t>(va_arg(args_.ap, void*));
-        Spec ps = sp;
+        Directive ps = sp;
         ps.alt = ps.plus = ps.space = false;
         ps.hasPrecision = true;
         ps.precision = 16;
@@ -498,7 +498,7 @@ size_t Engine<C, Sink>::run(const C* fmt) {
 }
 
 template <class C, class Sink>
-void Engine<C, Sink>::integer(const Spec& sp, uint64_t magnitude, bool negative, bool isSigned,
+void Engine<C, Sink>::integer(const Directive& sp, uint64_t magnitude, bool negative, bool isSigned,
                               unsigned base, bool upper) {
   const char* digitSet = upper ? "0123456789ABCDEF" : "0123456789abcdef";
   char digits[24];
@@ -544,7 +544,7 @@ void Engine<C, Sink>::integer(const Spec& sp, uint64_t magnitude, bool negative,
 }
 
 template <class C, class Sink>
-void Engine<C, Sink>::floating(const Spec& sp, char conversion) {
+void Engine<C, Sink>::floating(const Directive& sp, char conversion) {
   double value = va_arg(args_.ap, double);
   // The C library makes the digits; width and justification are done here, so that a
   // wide field never needs more than the local buffer.
@@ -590,7 +590,7 @@ void Engine<C, Sink>::floating(const Spec& sp, char conversion) {
 
 template <class C, class Sink>
 template <class T>
-void Engine<C, Sink>::text(const Spec& sp, const T* s) {
+void Engine<C, Sink>::text(const Directive& sp, const T* s) {
   static const C kNull[] = {C('('), C('n'), C('u'), C('l'), C('l'), C(')'), C(0)};
   size_t limit = sp.hasPrecision ? sp.precision : SIZE_MAX;
   if constexpr (std::is_same_v<T, C>) {
@@ -616,7 +616,7 @@ void Engine<C, Sink>::text(const Spec& sp, const T* s) {
 }
 
 template <class C, class Sink>
-void Engine<C, Sink>::character(const Spec& sp, bool wide) {
+void Engine<C, Sink>::character(const Directive& sp, bool wide) {
   int raw = va_arg(args_.ap, int);
   C units[4];
   size_t n;
