@@ -149,7 +149,8 @@ void QelDebugger::printValue(const QelValue& v, bool brief) {
       QelDictionaryEntry* e = v;
       QelString* key = e->getKey();
       out()(u"(key:%s value:", key ? key->c_str() : u"");
-      printValue(e->getValue(), brief);
+      // A variable may hold a reference to itself: a nested variable prints briefly.
+      printValue(e->getValue(), brief || e->getValue().getType() == QVT_VAR);
       out()(u") ");
       break;
     }

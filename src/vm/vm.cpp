@@ -37,11 +37,13 @@ QelVirtualMachine::~QelVirtualMachine() {
   if (ownsPrinter_) delete printer_;
 }
 
+// Each record closes its own load of the library. The handle stays mapped: the same
+// library loaded by another machine, or under another name, has the same handle, and
+// releasing it here would leave those records pointing at nothing (or, once the
+// number is reused, at another library).
 void QelVirtualMachine::freeModules() {
   for (QelDictionaryEntry* e = modules_->getFirst(); e; e = e->getNext()) {
-    int32_t handle = e->getValue().toLong();
-    if (void* lib = qelAddressOf(handle)) dlclose(lib);
-    qelReleaseHandle(handle);
+    if (void* lib = qelAddressOf(e->getValue().toLong())) dlclose(lib);
   }
   modules_->clear();
 }
