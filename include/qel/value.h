@@ -75,11 +75,13 @@ class QEL_API QelRefObject {
   static constexpr uint32_t kIsObject = 0x20000000u;
   static constexpr uint32_t kIsContainer = 0x10000000u;
   static constexpr uint32_t kAbandoned = 0x08000000u;
-  static constexpr uint32_t kWeakMask = 0x07FFFFFFu;
+  static constexpr uint32_t kDeferred = 0x04000000u;
+  static constexpr uint32_t kWeakMask = 0x03FFFFFFu;
 
   friend class QelValue;
   void lastRelease();
   void lastWeakDropped();
+  void endWithinDepth();
   void end();
   void finish();
 

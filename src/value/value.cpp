@@ -1,6 +1,7 @@
 // Value cells: typed constructors, conversions and the untyped ownership operations.
 #include <cfloat>
 #include <cmath>
+#include <vector>
 
 #include "qel/buffer.h"
 #include "qel/class.h"
@@ -84,14 +85,46 @@ void QelValue::makeReference() {
 
 // ---- The end of an object's life ----
 
+namespace {
+
+// Ending an object releases what it holds, which may end further objects. Up to this
+// depth that happens at once, in order; deeper ends wait in a queue that the
+// outermost end works off, so a long chain of objects cannot exhaust the native stack.
+const int kMaxEndDepth = 256;
+int g_endDepth = 0;
+std::vector<QelRefObject*>* g_deferredEnds = nullptr;
+
+}  // namespace
+
 void QelRefObject::lastRelease() {
-  if (weak_ & (kDying | kDead)) return;  // being ended already, or dead and waiting
-  end();
+  if (weak_ & (kDying | kDead | kDeferred)) return;  // ending already, dead, or queued
+  endWithinDepth();
 }
 
 void QelRefObject::destroy() {
-  if (weak_ & (kDying | kDead)) return;
+  if (weak_ & (kDying | kDead | kDeferred)) return;
+  endWithinDepth();
+}
+
+void QelRefObject::endWithinDepth() {
+  if (g_endDepth >= kMaxEndDepth) {
+    if (!g_deferredEnds) g_deferredEnds = new std::vector<QelRefObject*>();
+    weak_ |= kDeferred;
+    g_deferredEnds->push_back(this);
+    return;
+  }
+  ++g_endDepth;
   end();
+  if (g_endDepth == 1 && g_deferredEnds) {
+    // Queued ends run one at a time from here, each within the depth again.
+    for (size_t i = 0; i < g_deferredEnds->size(); ++i) {
+      QelRefObject* obj = (*g_deferredEnds)[i];
+      obj->weak_ &= ~kDeferred;
+      if (obj->refCnt_ <= 0) obj->end();
+    }
+    g_deferredEnds->clear();
+  }
+  --g_endDepth;
 }
 
 void QelRefObject::end() {
@@ -130,7 +163,7 @@ void QelRefObject::lastWeakDropped() {
     delete this;
   } else if (weak_ & kAbandoned) {
     // Its count was given up to references, and the last of them is gone.
-    end();
+    lastRelease();
   }
 }
 
