@@ -38,6 +38,8 @@ class QEL_API QelVirtualMachine {
   bool compileText(const QelChar* text, bool showInfo = false, bool listing = false, IQelPrinter* printer = nullptr,
                    IQelPrinter* listingPrinter = nullptr);
   // Makes this machine a copy of another: its modules (loaded again), symbols and classes.
+  // The copy shares the other machine's procedures, classes and variables, so it must
+  // be destroyed (or reinitialized) before the machine it was copied from.
   void cloneSymbols(const QelVirtualMachine& other);
   // Loads a native library and calls its "RegisterNativeModule" with this machine.
   bool loadNativeModule(const QelChar* path);

@@ -53,7 +53,9 @@ void QelVirtualMachine::freeModules() {
 void QelVirtualMachine::clearRegistries() {
   for (QelDictionaryEntry* e = classes_->getFirst(); e; e = e->getNext()) {
     if (QelClass* cls = e->getValue()) {
-      if (cls->getIsNative()) continue;
+      // Native classes, and classes another machine made (shared by cloneSymbols),
+      // keep their members.
+      if (cls->getIsNative() || &cls->getVirtualMachine() != this) continue;
       cls->funcMembers().clear();
       cls->dataMembers().clear();
     }
