@@ -237,6 +237,11 @@ class QEL_API QelValue {
   bool isNull() const { return type_ == QVT_NULL; }
   // A value that holds nothing on an object: copying it is a plain copy of the cell.
   bool isPlain() const { return (kPlainTypes >> (static_cast<uint32_t>(type_) & 31)) & 1; }
+  // Copies a plain value into a plain cell; both must be plain.
+  void assignPlain(const QelValue& v) {
+    type_ = v.type_;
+    u_ = v.u_;
+  }
   // Copies v into this cell when both are plain, else assigns as usual.
   void assignFast(const QelValue& v) {
     if (isPlain() && v.isPlain()) {
