@@ -65,6 +65,18 @@ class QEL_API QelCompiler {
 
   bool compile();
   bool compileWith(QelScanner& scanner);
+
+  // Bounds the compiler's own recursion: source nested deeper than this (parentheses,
+  // blocks, literals, calls) is an error that ends the compilation, not a native stack
+  // overflow.
+  static const int kMaxNesting = 200;
+  struct NestingGuard {
+    NestingGuard(QelCompiler& c, int& errors);
+    ~NestingGuard() { --compiler.nesting_; }
+    QelCompiler& compiler;
+    bool ok;
+  };
+  friend struct NestingGuard;
   bool _doFunction(int& errors);
   bool _doClass(int& errors);
   bool _doClassMember(QelClass* cls, QelToken t, bool usedAsBase, QelVector& instanceNames, int& errors);
@@ -155,4 +167,6 @@ class QEL_API QelCompiler {
   IQelPrinter* printer_;
   QelDebugger* debugger_;
   bool showInfo_;
+  int nesting_ = 0;
+  bool tooDeep_ = false;  // the rest of the source was skipped; reports are silent
 };

@@ -48,12 +48,26 @@ bool QelCompiler::compileWith(QelScanner& scanner) {
 // ---- Reports and token helpers ----
 
 // Reports go out through "%s": a report quotes source text, which may hold '%'.
-void QelCompiler::_printReport() { (*printer_)(u"%s", scanner_->getTokenString()); }
+void QelCompiler::_printReport() {
+  if (!tooDeep_) (*printer_)(u"%s", scanner_->getTokenString());
+}
 
 void QelCompiler::_error(const QelChar* message, int& errors) {
+  if (tooDeep_) return;
   scanner_->parseError(message);
   _printReport();
   ++errors;
+}
+
+QelCompiler::NestingGuard::NestingGuard(QelCompiler& c, int& errors) : compiler(c), ok(true) {
+  if (++compiler.nesting_ <= kMaxNesting) return;
+  ok = false;
+  if (compiler.tooDeep_) return;
+  compiler._error(u"nesting too deep", errors);
+  compiler.tooDeep_ = true;
+  // Everything after is skipped: every open construct then meets the end of input.
+  while (compiler.scanner_->getToken() != QT_EOF) {
+  }
 }
 
 bool QelCompiler::_isChar(QelToken t, QelChar ch) const { return t == QT_ANY && scanner_->getChar() == ch; }
@@ -101,6 +115,8 @@ int QelCompiler::_getIdList(QelVector& names, const QelChar* terminators, int& e
 
 bool QelCompiler::compile() {
   int errors = 0;
+  nesting_ = 0;
+  tooDeep_ = false;
   for (;;) {
     QelToken t = scanner_->getToken();
     if (t == QT_EOF) break;
@@ -118,7 +134,7 @@ bool QelCompiler::compile() {
     }
     if (errors >= kMaxErrors) break;  // ten errors end the compilation
   }
-  return errors == 0;
+  return errors == 0 && !tooDeep_;
 }
 
 bool QelCompiler::_doFunction(int& errors) {
@@ -346,6 +362,8 @@ bool QelCompiler::_nextListName(QelToken& t, QelString& name, int& errors) {
 // ---- Literal values ----
 
 bool QelCompiler::_doLiteralValue(QelToken token, QelDictionaryEntry& entry, int& errors) {
+  NestingGuard nesting(*this, errors);
+  if (!nesting.ok) return false;
   int before = errors;
   if (token == QT_STRING) {
     entry.setValue(QelValue(new QelString(scanner_->getTokenString()), false));

@@ -156,6 +156,8 @@ bool QelCompiler::_codeExpr(QelFuncContext& ctx, int& errors) {
 
 // Level 1: "," — the value is the right one.
 bool QelCompiler::_codeExpr1(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
+  NestingGuard nesting(*this, errors);
+  if (!nesting.ok) return true;
   _codeExpr2(ctx, vi, errors);
   QelToken t = scanner_->getToken();
   if (_isChar(t, ',')) {
@@ -172,6 +174,8 @@ bool QelCompiler::_codeExpr1(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
 // Level 2: assignments. The right side is a level-1 expression, so "a = 1, 2"
 // assigns 2, deliberately.
 bool QelCompiler::_codeExpr2(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
+  NestingGuard nesting(*this, errors);
+  if (!nesting.ok) return true;
   _codeExpr3(ctx, vi, errors);
   QelToken t = scanner_->getToken();
   QelOpCode compound;

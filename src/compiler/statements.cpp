@@ -96,6 +96,8 @@ void QelCompiler::_codeBlock(QelFuncContext& ctx, int& errors) {
 }
 
 void QelCompiler::_codeStatement(QelFuncContext& ctx, int& errors) {
+  NestingGuard nesting(*this, errors);
+  if (!nesting.ok) return;
   QelToken t = scanner_->getToken();
   switch (t) {
     case QT_IF: _codeIf(ctx, errors); return;
