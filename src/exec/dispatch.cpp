@@ -23,6 +23,10 @@ using namespace qel;
 
 const QelValue kNil;
 
+// The stack never grows past this many slots (2 GiB): a runaway script fails with
+// "stack overflow" instead of exhausting the machine's memory.
+const uint64_t kMaxStackSlots = uint64_t(1) << 27;
+
 inline uint32_t readDW(const unsigned char* p) {
   return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
          (static_cast<uint32_t>(p[3]) << 24);
@@ -113,12 +117,13 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
       GUARDED(d_ = std::move(t_));               \
     }                                            \
   } while (0)
-#define ENSURE_SLOT(i)                                          \
-  do {                                                          \
-    if (QEL_UNLIKELY(static_cast<unsigned>(i) >= size())) {     \
-      while (static_cast<unsigned>(i) >= size()) push_null();   \
-      stk = data();                                             \
-    }                                                           \
+#define ENSURE_SLOT(i)                                                       \
+  do {                                                                       \
+    if (QEL_UNLIKELY(static_cast<unsigned>(i) >= size())) {                  \
+      if (static_cast<uint64_t>(i) >= kMaxStackSlots) FAIL(kMsgStackOverflow); \
+      while (static_cast<unsigned>(i) >= size()) push_null();                \
+      stk = data();                                                          \
+    }                                                                        \
   } while (0)
 #define PUSH_SLOT()  \
   do {               \
