@@ -548,25 +548,25 @@ void Engine<C, Sink>::floating(const Directive& sp, char conversion) {
   double value = va_arg(args_.ap, double);
   // The C library makes the digits; width and justification are done here, so that a
   // wide field never needs more than the local buffer.
-  char spec[8];
+  char directive[8];
   size_t n = 0;
-  spec[n++] = '%';
-  if (sp.plus) spec[n++] = '+';
-  if (sp.space) spec[n++] = ' ';
-  if (sp.alt) spec[n++] = '#';
-  spec[n++] = '.';
-  spec[n++] = '*';
-  spec[n++] = conversion;
-  spec[n] = 0;
+  directive[n++] = '%';
+  if (sp.plus) directive[n++] = '+';
+  if (sp.space) directive[n++] = ' ';
+  if (sp.alt) directive[n++] = '#';
+  directive[n++] = '.';
+  directive[n++] = '*';
+  directive[n++] = conversion;
+  directive[n] = 0;
   int precision = sp.hasPrecision ? static_cast<int>(sp.precision) : -1;
 
   char local[512];
   char* digits = local;
-  int length = snprintf(local, sizeof local, spec, precision, value);
+  int length = snprintf(local, sizeof local, directive, precision, value);
   if (length < 0) return;
   if (static_cast<size_t>(length) >= sizeof local) {
     digits = static_cast<char*>(allocmem(static_cast<unsigned>(length) + 1));
-    snprintf(digits, static_cast<size_t>(length) + 1, spec, precision, value);
+    snprintf(digits, static_cast<size_t>(length) + 1, directive, precision, value);
   }
   size_t len = static_cast<size_t>(length);
   size_t fill = sp.width > len ? sp.width - len : 0;
