@@ -184,7 +184,9 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
 #endif
   uint8_t op;
   for (;;) {
+#if QEL_COMPUTED_GOTO
   dispatch:
+#endif
     if (QEL_UNLIKELY(pc >= codeSize)) FAIL(kMsgRanOffCode);
     op = code[pc];
     if (QEL_UNLIKELY(trace_ || step_)) {
