@@ -365,11 +365,11 @@ bool isOneOf(QelChar c, const char* set) {
 // Widths and precisions are cut to five digits so a script cannot ask for gigabytes.
 const unsigned int kMaxFieldDigits = 5;
 
-// Copies a run of digits of at most kMaxFieldDigits into `spec`; answers the end.
-const QelChar* copyDigits(const QelChar* p, QelString& spec) {
+// Copies a run of digits of at most kMaxFieldDigits into `directive`; answers the end.
+const QelChar* copyDigits(const QelChar* p, QelString& directive) {
   unsigned int kept = 0;
   while (*p >= '0' && *p <= '9') {
-    if (kept < kMaxFieldDigits) spec += *p;
+    if (kept < kMaxFieldDigits) directive += *p;
     ++kept;
     ++p;
   }
@@ -414,34 +414,34 @@ QelString textOfValue(const QelValue& v) {
 
 }  // namespace
 
-// Formats one conversion: `spec` is "%" with flag, width and precision; `letter` the
+// Formats one conversion: `directive` is "%" with flag, width and precision; `letter` the
 // conversion; `rest` the literal text after it. The argument passed always matches the
 // conversion, whatever the value's type.
-static QelString formatOneValue(QelString& spec, QelChar letter, const QelChar* rest, const QelValue& v) {
+static QelString formatOneValue(QelString& directive, QelChar letter, const QelChar* rest, const QelValue& v) {
   if (isOneOf(letter, "diouxX")) {
-    spec += letter;
-    spec += rest;
-    return QelString::format(spec.c_str(), v.toLong());
+    directive += letter;
+    directive += rest;
+    return QelString::format(directive.c_str(), v.toLong());
   }
   if (isOneOf(letter, "cC")) {
-    spec += u'c';
-    spec += rest;
-    return QelString::format(spec.c_str(), static_cast<int>(static_cast<QelChar>(v.toLong())));
+    directive += u'c';
+    directive += rest;
+    return QelString::format(directive.c_str(), static_cast<int>(static_cast<QelChar>(v.toLong())));
   }
   if (isOneOf(letter, "fegEGaA")) {
-    spec += letter;
-    spec += rest;
-    return QelString::format(spec.c_str(), v.toDouble());
+    directive += letter;
+    directive += rest;
+    return QelString::format(directive.c_str(), v.toDouble());
   }
   if (letter == 'p') {
-    spec += letter;
-    spec += rest;
-    return QelString::format(spec.c_str(), v.ptr());
+    directive += letter;
+    directive += rest;
+    return QelString::format(directive.c_str(), v.ptr());
   }
   QelString text = textOfValue(v);
-  spec += u's';
-  spec += rest;
-  return QelString::format(spec.c_str(), text.c_str());
+  directive += u's';
+  directive += rest;
+  return QelString::format(directive.c_str(), text.c_str());
 }
 
 QelString::QelString(const QelChar* text, unsigned int count, ValPtr& args) : str_(nullptr) {
@@ -467,16 +467,16 @@ QelString::QelString(const QelChar* text, unsigned int count, ValPtr& args) : st
       continue;
     }
     const QelChar* p = token;
-    QelString spec(u"%");
-    if (*p && isOneOf(*p, "+-0 #")) spec += *p++;
-    p = copyDigits(p, spec);
+    QelString directive(u"%");
+    if (*p && isOneOf(*p, "+-0 #")) directive += *p++;
+    p = copyDigits(p, directive);
     if (*p == '.') {
-      spec += *p++;
-      p = copyDigits(p, spec);
+      directive += *p++;
+      p = copyDigits(p, directive);
     }
     while (*p && isOneOf(*p, "whlI2346FN")) ++p;
     if (afterPercent && *p && isOneOf(*p, "diouxXfegEGcspCSaA")) {
-      *this += formatOneValue(spec, *p, p + 1, args.at(static_cast<int>(used)));
+      *this += formatOneValue(directive, *p, p + 1, args.at(static_cast<int>(used)));
       ++used;
     } else {
       *this += token;
