@@ -120,13 +120,13 @@ TEST(FormatIntegers, NarrowFormatter) {
 
 TEST(FormatFloating, AgreesWithTheCLibrary) {
   const double values[] = {0.0, -0.0, 1.0, -2.5, 3.14159265358979, 1e-7, 123456789.125, 1e300, -1e-300};
-  const char* specs[] = {"%f",  "%e",  "%E",   "%g",    "%G",     "%a",   "%A",     "%.0f", "%#.0f", "%.3e",
+  const char* formats[] = {"%f",  "%e",  "%E",   "%g",    "%G",     "%a",   "%A",     "%.0f", "%#.0f", "%.3e",
                          "%+f", "% g", "%#g",  "%12.4f", "%-12.2e|", "%012.3f", "%+015e", "%020a", "%-+10g|",
                          "%F",  "%.10g"};
   for (double v : values) {
-    for (const char* spec : specs) {
-      EXPECT_EQ(W(widen(spec).c_str(), v), libc(spec, v)) << spec << " of " << v;
-      EXPECT_EQ(A(spec, v), libcA(spec, v)) << spec << " of " << v;
+    for (const char* f : formats) {
+      EXPECT_EQ(W(widen(f).c_str(), v), libc(f, v)) << f << " of " << v;
+      EXPECT_EQ(A(f, v), libcA(f, v)) << f << " of " << v;
     }
   }
   // Infinities and NaNs are not zero-padded.
