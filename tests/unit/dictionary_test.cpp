@@ -2,20 +2,14 @@
 // chain) and objects.
 #include <gtest/gtest.h>
 
+#include "probes.h"
+
 #include <initializer_list>
 #include <string>
 
 #include "qel/vm.h"
 
 namespace {
-
-struct ProbeString : QelString {
-  ProbeString(const QelChar* t, bool* dead) : QelString(t), dead_(dead) {}
-  ~ProbeString() override { *dead_ = true; }
-  bool* dead_;
-};
-
-bool nativeNoop(QelVirtualMachine*, int, ValPtr&) { return true; }
 
 // The keys of a dictionary in chain order, joined by ','.
 std::u16string keys(const QelDictionary& d) {

@@ -1,6 +1,8 @@
 // Value cells (types, conversions, counting), vectors and cursors.
 #include <gtest/gtest.h>
 
+#include "probes.h"
+
 #include <cfloat>
 #include <cstdint>
 #include <string>
@@ -9,15 +11,6 @@
 #include "qel/dictionary.h"
 
 namespace {
-
-// A string that reports its own deletion.
-struct ProbeString : QelString {
-  ProbeString(const QelChar* t, bool* dead) : QelString(t), dead_(dead) {}
-  ~ProbeString() override { *dead_ = true; }
-  bool* dead_;
-};
-
-bool nativeNoop(QelVirtualMachine*, int, ValPtr&) { return true; }
 
 }  // namespace
 
