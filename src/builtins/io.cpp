@@ -1,12 +1,14 @@
 // File and console built-ins.
-#include "qel/builtins.h"
-#include "qel/interpreter.h"
+#include "builtins/args.h"
+
+using namespace qel;
 
 // Writes each argument through the machine's printer, with nothing in between.
 bool QelDefaultFunctions::Qel_print(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  BuiltinCall call(vm, nargs, args);
   IQelPrinter& out = vm->printer();
   for (int k = 1; k <= nargs; ++k) {
-    const QelValue& v = args.at(k - nargs);
+    const QelValue& v = call[k];
     switch (v.getType()) {
       case QVT_INTEGER:
         out(u"%ld", v.toLong());
@@ -26,7 +28,5 @@ bool QelDefaultFunctions::Qel_print(QelVirtualMachine* vm, int nargs, ValPtr& ar
         break;
     }
   }
-  args -= nargs;
-  if (QelValue* slot = args) slot->dispose();
-  return true;
+  return call.none();
 }
