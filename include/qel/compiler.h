@@ -39,6 +39,8 @@ struct QelFuncContext {
   QelBuffer continueTargets;  // stack of 32-bit code offsets, one per enclosing loop
   QelVector* procedure = nullptr;
   QelBuffer* code = nullptr;
+  unsigned int temporaryCount = 0;   // declared temporaries
+  bool usesHiddenTemporary = false;  // one more, after them, for the compiler's own use
 };
 
 class QEL_API QelCompiler {
@@ -111,6 +113,8 @@ class QEL_API QelCompiler {
                              unsigned int continueTarget);
   unsigned int _codeBranch(QelFuncContext& ctx, QelOpCode op, unsigned int operand);
   void _requireCounted(QelChar ch, int& errors);
+  unsigned int _hiddenTemporary(QelFuncContext& ctx);
+  void _reserveHiddenTemporary(QelFuncContext& ctx);
 
   bool _codeExpr(QelFuncContext& ctx, int& errors);
   bool _codeExpr1(QelFuncContext& ctx, QelVarInfo& vi, int& errors);

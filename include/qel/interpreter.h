@@ -83,6 +83,8 @@ class QEL_API QelInterpreter : public QelVector {
   void leaveProc(QelProcInfo& record);
   bool run(QelProcInfo& record, const unsigned char* code, unsigned int codeSize);
   bool callValue(int n);
+  QelClass* baseCallOwner(const QelChar* method, const QelClass* receiverClass) const;
+  bool missingMethod(const QelChar* method);
 
   bool binaryPrologue(const QelChar* name, const QelChar* reflected, bool& handled);
   bool doOP_ADD();

@@ -195,7 +195,9 @@ bool QelCompiler::_codeExpr2(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
       if (_isChar(t, '=') || t == QT_REF_ASSIGN) {
         if (!_checkLValue(vi)) _error(u"lvalue expected", errors);
         QelVector& proc = *ctx.procedure;
-        ctx.code->push_back(OP_PUSH);
+        // Only an indexed target keeps its container and index below the value, so
+        // only it pushes: a plain assignment leaves the stack as it found it.
+        _codeVarInfo(proc, QVA_PUSH, vi);
         QelVarInfo right;
         _codeExpr1(ctx, right, errors);
         _codeRValue(proc, right);
@@ -360,17 +362,26 @@ void QelCompiler::_codePreIncDec(QelFuncContext& ctx, QelOpCode op, QelVarInfo& 
   vi = {QVK_VALUE, -1};
 }
 
-// The result is the old value. On an indexed element the emitted sequence stores
-// into the wrong slots and fails at run time; the prefix forms work there.
+// The result is the old value. An indexed element keeps its container and index on
+// the stack under the value, so its old value waits in the procedure's hidden
+// temporary while the stepped value is stored.
 void QelCompiler::_codePostIncDec(QelFuncContext& ctx, QelOpCode op, QelVarInfo& vi, int& errors) {
   QelVector& proc = *ctx.procedure;
   if (!_checkLValue(vi)) _error(u"lvalue expected", errors);
   _codeVarInfo(proc, QVA_DUPLICATE, vi);
   _codeVarInfo(proc, QVA_LOAD, vi);
-  ctx.code->push_back(OP_DUP);
-  ctx.code->push_back(op);
-  _codeVarInfo(proc, QVA_STORE, vi);
-  ctx.code->push_back(OP_POP);
+  if (vi.kind == QVK_INDEXED) {
+    unsigned int saved = _hiddenTemporary(ctx);
+    _codeTemporary(proc, QVA_STORE, saved);
+    ctx.code->push_back(op);
+    _codeVarInfo(proc, QVA_STORE, vi);
+    _codeTemporary(proc, QVA_LOAD, saved);
+  } else {
+    ctx.code->push_back(OP_DUP);
+    ctx.code->push_back(op);
+    _codeVarInfo(proc, QVA_STORE, vi);
+    ctx.code->push_back(OP_POP);
+  }
   vi = {QVK_VALUE, -1};
 }
 

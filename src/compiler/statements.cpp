@@ -1,6 +1,8 @@
 // The compiler's function bodies and statements. Forward branches whose target is not
 // known yet form chains through their operands (0 ends a chain) that are patched once
 // the target is reached.
+#include <vector>
+
 #include "qel/compiler.h"
 
 namespace {
@@ -48,6 +50,7 @@ QelVector* QelCompiler::_codeFunctionBody(const QelString& name, int& errors, Qe
   ctx.procedure = proc;
   ctx.code = code;
 
+  ctx.temporaryCount = temporaries;
   if (temporaries > 0) _codeIndexedOpcode(*proc, OP_TSPACE, temporaries);
   code->push_back(OP_PUSH);
   if (!_fetchRequire(QT_ANY, '{')) ++errors;
@@ -66,10 +69,64 @@ QelVector* QelCompiler::_codeFunctionBody(const QelString& name, int& errors, Qe
     code->push_back(1);
   }
   code->push_back(OP_RETURN);
+  if (ctx.usesHiddenTemporary) _reserveHiddenTemporary(ctx);
   proc->shrink();
   code->shrink();
   if (debugger_) debugger_->decodeProcedure(proc);
   return proc;
+}
+
+unsigned int QelCompiler::_hiddenTemporary(QelFuncContext& ctx) {
+  ctx.usesHiddenTemporary = true;
+  return ctx.temporaryCount;
+}
+
+namespace {
+
+// Moves every branch target of the code from `start` on by `delta` bytes.
+void shiftBranches(QelBuffer& code, unsigned int start, int delta) {
+  unsigned int width = 1;
+  for (unsigned int pc = start; pc < code.size();) {
+    uint8_t op = code[pc++];
+    switch (qelOperandKind(op)) {
+      case QOK_NONE:
+        break;
+      case QOK_WIDTH:
+        width = op == OP_RBYTE ? 1 : op == OP_RWORD ? 2 : 4;
+        break;
+      case QOK_BRANCH:
+        if (pc + 4 <= code.size()) code.setDW(pc, code.getDW(pc) + static_cast<uint32_t>(delta));
+        pc += 4;
+        break;
+      default:
+        pc += width;
+        break;
+    }
+  }
+}
+
+}  // namespace
+
+// The prologue reserves the hidden temporary after the declared ones. When that
+// makes the prologue longer, the code moves up and every branch target with it.
+void QelCompiler::_reserveHiddenTemporary(QelFuncContext& ctx) {
+  // The encoding of "OP_TSPACE n" (nothing for n = 0).
+  auto prologue = [this](unsigned int n) {
+    QelVector scratch;
+    QelBuffer* space = new QelBuffer();
+    scratch.push_back(QelValue(space, false));
+    if (n > 0) _codeIndexedOpcode(scratch, OP_TSPACE, n);
+    return std::vector<unsigned char>(space->data(), space->data() + space->size());
+  };
+  QelBuffer& code = *ctx.code;
+  std::vector<unsigned char> before = prologue(ctx.temporaryCount);
+  std::vector<unsigned char> after = prologue(ctx.temporaryCount + 1);
+  std::vector<unsigned char> body(code.data() + before.size(), code.data() + code.size());
+  code.clear();
+  code.append(after.data(), static_cast<unsigned int>(after.size()));
+  code.append(body.data(), static_cast<unsigned int>(body.size()));
+  int delta = static_cast<int>(after.size()) - static_cast<int>(before.size());
+  if (delta != 0) shiftBranches(code, static_cast<unsigned int>(after.size()), delta);
 }
 
 void QelCompiler::_codeBlock(QelFuncContext& ctx, int& errors) {

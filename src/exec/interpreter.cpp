@@ -203,16 +203,20 @@ bool QelInterpreter::send(int n, const QelChar* name) {
     count = n + 1;
   }
 
-  QelDictionaryEntry* entry = cls->funcMembers().find(method);
+  QelDictionaryEntry* entry = nullptr;
+  if (QelClass* owner = baseCallOwner(method, cls)) {
+    // A "BC_" send from a member of class P runs P's base's member: each destructor
+    // of a chain runs once, derived first.
+    method += 3;
+    cls = owner->getBaseClass();
+    if (!cls) return missingMethod(method);
+  }
+  entry = cls->funcMembers().find(method);
   while (!entry) {
     // "BC_" sends skip to the base classes: a derived destructor reaches its base's.
     if (method[0] == 'B' && method[1] == 'C' && method[2] == '_') method += 3;
     cls = cls->getBaseClass();
-    if (!cls) {
-      // A missing destructor is no error.
-      if (qelStrCmp(method, u"dtor") == 0 || qelStrCmp(method, u"BC_dtor") == 0) return true;
-      return noMethod(method);
-    }
+    if (!cls) return missingMethod(method);
     entry = cls->funcMembers().find(method);
   }
 
@@ -243,6 +247,21 @@ bool QelInterpreter::send(int n, const QelChar* name) {
     popTo(receiver);
   }
   return ok;
+}
+
+// The class owning the running procedure when `method` is a "BC_" send from one of
+// its members to an object of it (or of a class derived from it); else null.
+QelClass* QelInterpreter::baseCallOwner(const QelChar* method, const QelClass* receiverClass) const {
+  if (method[0] != 'B' || method[1] != 'C' || method[2] != '_' || !proc_) return nullptr;
+  QelVector* proc = proc_->procedure();
+  QelClass* owner = proc && proc->size() > 1 ? static_cast<QelClass*>((*proc)[1]) : nullptr;
+  return owner && receiverClass->isSubtypeOf(owner) ? owner : nullptr;
+}
+
+// A missing destructor is no error: the send succeeds and nothing runs.
+bool QelInterpreter::missingMethod(const QelChar* method) {
+  if (qelStrCmp(method, u"dtor") == 0 || qelStrCmp(method, u"BC_dtor") == 0) return true;
+  return noMethod(method);
 }
 
 // ---- Type checks and errors ----

@@ -38,18 +38,17 @@ TEST(CompilerListing, ArgumentsTemporariesAndReturn) {
   Compiled c = compileWithListing(vm, u"f(a, b; t) { t = a; return t + b; }");
   ASSERT_TRUE(c.ok) << c.messages;
   EXPECT_EQ(c.listing,
-            "::f (16 bytes)\n"
+            "::f (15 bytes)\n"
             "0000: 28 OP_TSPACE 1 \n"
             "0002: 05   OP_PUSH \n"
-            "0003: 05   OP_PUSH \n"
-            "0004: 24   OP_AREF arg[0] \n"
-            "0006: 27   OP_TSET tmp[0] \n"
-            "0008: 26   OP_TREF tmp[0] \n"
-            "000a: 05   OP_PUSH \n"
-            "000b: 24   OP_AREF arg[1] \n"
-            "000d: 08    OP_ADD \n"
-            "000e: 1c OP_RETURN \n"
-            "000f: 1c OP_RETURN \n");
+            "0003: 24   OP_AREF arg[0] \n"
+            "0005: 27   OP_TSET tmp[0] \n"
+            "0007: 26   OP_TREF tmp[0] \n"
+            "0009: 05   OP_PUSH \n"
+            "000a: 24   OP_AREF arg[1] \n"
+            "000c: 08    OP_ADD \n"
+            "000d: 1c OP_RETURN \n"
+            "000e: 1c OP_RETURN \n");
 }
 
 TEST(CompilerListing, EmptyBodyAndIndexedCompoundAssignment) {
