@@ -2,6 +2,7 @@
 #include "builtins/args.h"
 
 #include "exec/messages.h"
+#include "platform/files.h"
 
 namespace qel {
 
@@ -26,6 +27,11 @@ bool BuiltinCall::result(QelValue value) {
   (*stack)[static_cast<unsigned>(slot)] = std::move(value);
   args_.setIndex(slot);
   return true;
+}
+
+FILE* BuiltinCall::stream(int k) const {
+  FILE* fp = static_cast<FILE*>(static_cast<void*>((*this)[k]));
+  return isLiveStream(fp) ? fp : nullptr;
 }
 
 bool systemReady(QelVirtualMachine* vm) {

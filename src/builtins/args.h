@@ -60,8 +60,8 @@ class BuiltinCall {
   int32_t integer(int k) const { return (*this)[k].toLong(); }
   // The string of a QVT_STRING or QVT_STRINGREF argument with a string, else null.
   QelString* string(int k) const { return (*this)[k]; }
-  // The stream of a QVT_FILE argument, else null.
-  FILE* stream(int k) const { return static_cast<FILE*>(static_cast<void*>((*this)[k])); }
+  // The stream of a QVT_FILE argument, else null; null too for a stream already closed.
+  FILE* stream(int k) const;
   // The cursor the built-in was called with, for passing the arguments on.
   ValPtr& cursor() const { return args_; }
 

@@ -40,23 +40,23 @@ void QelDefaultFunctions::registerFiles(QelVirtualMachine* vm) {
 
 void QelDefaultFunctions::registerIOFunctions(QelVirtualMachine* vm) {
   registerAll(vm, {
-      // {u"fopen", F::Qel_fopen},
-      // {u"fclose", F::Qel_fclose},
-      // {u"feof", F::Qel_feof},
-      // {u"getc", F::Qel_getc},
-      // {u"putc", F::Qel_putc},
-      // {u"gets", F::Qel_gets},
-      // {u"fgets", F::Qel_fgets},
-      // {u"fputs", F::Qel_fputs},
+      {u"fopen", F::Qel_fopen},
+      {u"fclose", F::Qel_fclose},
+      {u"feof", F::Qel_feof},
+      {u"getc", F::Qel_getc},
+      {u"putc", F::Qel_putc},
+      {u"gets", F::Qel_gets},
+      {u"fgets", F::Qel_fgets},
+      {u"fputs", F::Qel_fputs},
       {u"print", F::Qel_print},
       // {u"freadval", F::Qel_freadval},
       // {u"fwriteval", F::Qel_fwriteval},
-      // {u"fread", F::Qel_fread},
-      // {u"fwrite", F::Qel_fwrite},
-      // {u"getwc", F::Qel_getwc},
-      // {u"putwc", F::Qel_putwc},
-      // {u"fgetws", F::Qel_fgetws},
-      // {u"fputws", F::Qel_fputws},
+      {u"fread", F::Qel_fread},
+      {u"fwrite", F::Qel_fwrite},
+      {u"getwc", F::Qel_getwc},
+      {u"putwc", F::Qel_putwc},
+      {u"fgetws", F::Qel_fgetws},
+      {u"fputws", F::Qel_fputws},
   });
 }
 

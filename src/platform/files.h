@@ -1,5 +1,11 @@
-// Opening files by engine text: the path is converted to UTF-8 and the 't' of a
-// text mode is dropped (streams are byte streams on this platform).
+// Files and streams by engine text: paths are converted to UTF-8 and the 't' of a text
+// mode is dropped (streams are byte streams on this platform).
+//
+// Streams handed to scripts are watched: one closed through closeStream (or by a
+// compiler that read it to the end) is dead, and the built-ins refuse it instead of
+// reaching freed memory. Wide-character reads and writes go through UTF-8, whatever the
+// C locale: a character beyond the basic plane is read as two UTF-16 units, and a
+// surrogate pair written unit by unit becomes one character.
 #pragma once
 
 #include <cstdio>
@@ -12,5 +18,23 @@ namespace qel {
 FILE* openFile(const QelChar* path, const QelChar* mode);
 // UTF-8 copy of engine text (null reads as "").
 std::string toUtf8(const QelChar* text);
+
+// openFile for a script: the stream is live until closeStream.
+FILE* openStream(const QelChar* path, const QelChar* mode);
+// Closes a live stream and answers fclose's result; EOF for a dead or null one.
+int closeStream(FILE* fp);
+// Records that a stream was closed by someone else (a compiler's scanner).
+void streamClosed(FILE* fp);
+// A non-null stream that has not been closed.
+bool isLiveStream(FILE* fp);
+
+// One UTF-8 character as a code point: -1 at the end, U+FFFD for a malformed sequence.
+int32_t readCodePoint(FILE* fp);
+// One UTF-16 unit: -1 at the end.
+int32_t readWideChar(FILE* fp);
+// Writes one UTF-16 unit; answers it, or -1 when the write fails.
+int32_t writeWideChar(QelChar c, FILE* fp);
+// Writes a text as UTF-8; answers fputs's result.
+int writeWideText(const QelChar* text, FILE* fp);
 
 }  // namespace qel

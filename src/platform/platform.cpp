@@ -17,6 +17,7 @@
 #include <string>
 
 #include "qel/platform.h"
+#include "platform/files.h"
 
 namespace {
 
@@ -223,23 +224,32 @@ const QelChar* searchPath(const QelChar* file) {
   return found ? found : searchEnv(u"PATH", file);
 }
 
-int _gettche() {
-  int lead = getchar();
-  if (lead == EOF) return 0xFFFF;
+namespace qel {
+
+int32_t readCodePoint(FILE* fp) {
+  int lead = fgetc(fp);
+  if (lead == EOF) return -1;
   int count = continuationCount(static_cast<unsigned char>(lead));
   if (count < 0) return kReplacement;
   if (count == 0) return lead;
   uint32_t c = static_cast<unsigned char>(lead) & (0x3Fu >> count);
   for (int i = 0; i < count; ++i) {
-    int next = getchar();
+    int next = fgetc(fp);
     if (next == EOF) return kReplacement;
     if ((next & 0xC0) != 0x80) {
       // Not part of this character: leave it for the next read.
-      ungetc(next, stdin);
+      ungetc(next, fp);
       return kReplacement;
     }
     c = (c << 6) | (static_cast<unsigned>(next) & 0x3Fu);
   }
   if (!validCodePoint(c, count)) return kReplacement;
-  return static_cast<int>(c & 0xFFFF);
+  return static_cast<int32_t>(c);
+}
+
+}  // namespace qel
+
+int _gettche() {
+  int32_t c = qel::readCodePoint(stdin);
+  return c < 0 ? 0xFFFF : static_cast<int>(c & 0xFFFF);
 }

@@ -5,6 +5,7 @@
 #   NAME.err     lines that must each appear in standard error
 #   NAME.noerr   lines none of which may appear in standard error
 #   NAME.args    extra command-line words for qel, before the script (e.g. -e start)
+#   NAME.stdin   standard input for qel (absent: empty)
 set -u
 qel=$1
 script=$2
@@ -16,7 +17,9 @@ trap 'rm -rf "$work"' EXIT
 
 args=()
 [ -f "$name.args" ] && read -r -a args < "$name.args"
-"$qel" "${args[@]}" "$name.qel" > "$work/out" 2> "$work/err"
+input=/dev/null
+[ -f "$name.stdin" ] && input=$name.stdin
+"$qel" "${args[@]}" "$name.qel" < "$input" > "$work/out" 2> "$work/err"
 status=$?
 
 expected_status=0
