@@ -76,39 +76,39 @@ void QelDefaultFunctions::registerMathFunctions(QelVirtualMachine* vm) {
 
 void QelDefaultFunctions::registerDictFunctions(QelVirtualMachine* vm) {
   registerAll(vm, {
-      // {u"newdict", F::Qel_newdict},
-      // {u"dictcontains", F::Qel_dictcontains},
-      // {u"dicterase", F::Qel_dicterase},
-      // {u"dictclear", F::Qel_dictclear},
-      // {u"dictgetkeys", F::Qel_dictgetkeys},
-      // {u"dictgetvalues", F::Qel_dictgetvalues},
+      {u"newdict", F::Qel_newdict},
+      {u"dictcontains", F::Qel_dictcontains},
+      {u"dicterase", F::Qel_dicterase},
+      {u"dictclear", F::Qel_dictclear},
+      {u"dictgetkeys", F::Qel_dictgetkeys},
+      {u"dictgetvalues", F::Qel_dictgetvalues},
   });
 }
 
 void QelDefaultFunctions::registerFunctions(QelVirtualMachine* vm) {
   registerFiles(vm);
   registerAll(vm, {
-      // {u"newvector", F::Qel_newvector},
-      // {u"newstring", F::Qel_newstring},
-      // {u"newbuffer", F::Qel_newbuffer},
-      // {u"newcbuffer", F::Qel_newcbuffer},
+      {u"newvector", F::Qel_newvector},
+      {u"newstring", F::Qel_newstring},
+      {u"newbuffer", F::Qel_newbuffer},
+      {u"newcbuffer", F::Qel_newcbuffer},
   });
   registerIOFunctions(vm);
   registerAll(vm, {
-      // {u"strlen", F::Qel_strlen},
-      // {u"strcmp", F::Qel_strcmp},
-      // {u"stricmp", F::Qel_stricmp},
-      // {u"strsplit", F::Qel_strsplit},
-      // {u"strfind", F::Qel_strfind},
-      // {u"strerase", F::Qel_strerase},
-      // {u"strinsert", F::Qel_strinsert},
-      // {u"strreplace", F::Qel_strreplace},
-      // {u"substr", F::Qel_substr},
-      // {u"vecsize", F::Qel_vecsize},
-      // {u"size", F::Qel_size},
-      // {u"Vec", F::Qel_Vec},
-      // {u"T", F::Qel_T},
-      // {u"CBuf", F::Qel_CBuf},
+      {u"strlen", F::Qel_strlen},
+      {u"strcmp", F::Qel_strcmp},
+      {u"stricmp", F::Qel_stricmp},
+      {u"strsplit", F::Qel_strsplit},
+      {u"strfind", F::Qel_strfind},
+      {u"strerase", F::Qel_strerase},
+      {u"strinsert", F::Qel_strinsert},
+      {u"strreplace", F::Qel_strreplace},
+      {u"substr", F::Qel_substr},
+      {u"vecsize", F::Qel_vecsize},
+      {u"size", F::Qel_size},
+      {u"Vec", F::Qel_Vec},
+      {u"T", F::Qel_T},
+      {u"CBuf", F::Qel_CBuf},
 
       // {u"compile", F::Qel_compile},
       // {u"loadmodule", F::Qel_loadmodule},
