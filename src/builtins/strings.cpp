@@ -128,10 +128,8 @@ bool QelDefaultFunctions::Qel_strinsert(QelVirtualMachine* vm, int nargs, ValPtr
   QelChar c = static_cast<QelChar>(call.integer(3));
   uint32_t count = static_cast<uint32_t>(optionalInteger(call, 4, 1));
   // The characters land where QelString::insert places them, deliberately (not at the
-  // position). Beyond length+1 copies the text reads the same (length+1 copies of c,
-  // then the moved text lost behind a zero); the cut keeps a huge count from allocating.
-  uint32_t most = s->length() + 2;
-  s->insert(static_cast<unsigned int>(position), c, count < most ? count : most);
+  // position).
+  s->insert(static_cast<unsigned int>(position), c, count);
   return sameString(call, s);
 }
 

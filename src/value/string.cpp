@@ -287,6 +287,14 @@ QelString& QelString::insert(unsigned int pos, QelChar c, unsigned int count) {
   unsigned int len = length();
   if (count == 0 || pos > len) return *this;
   if (pos == len) return *this += c;
+  if (count > len + 1) {
+    // Beyond length+1 copies the moved text lands behind a terminator: what remains
+    // is length+1 copies of c, so that is what is kept.
+    str_ = resizeText(str_, len + 1);
+    for (unsigned int k = 0; k <= len; ++k) str_[k] = c;
+    str_[len + 1] = 0;
+    return *this;
+  }
   str_ = resizeText(str_, len + count);
   for (unsigned int k = 0; k < count; ++k) str_[len + 1 + k] = 0;
   unsigned int i = len;  // old terminator position

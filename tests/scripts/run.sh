@@ -3,6 +3,7 @@
 #   NAME.out     expected standard output (absent: no output expected)
 #   NAME.status  expected exit status (absent: 0)
 #   NAME.err     lines that must each appear in standard error
+#   NAME.stderr  the whole expected standard error
 #   NAME.noerr   lines none of which may appear in standard error
 #   NAME.args    extra command-line words for qel, before the script (e.g. -e start)
 #   NAME.stdin   standard input for qel (absent: empty)
@@ -33,6 +34,9 @@ if [ -f "$name.out" ]; then
   if ! diff -u "$name.out" "$work/out"; then failed=1; fi
 elif [ -s "$work/out" ]; then
   echo "unexpected standard output:"; cat "$work/out"; failed=1
+fi
+if [ -f "$name.stderr" ]; then
+  if ! diff -u "$name.stderr" "$work/err"; then failed=1; fi
 fi
 if [ -f "$name.err" ]; then
   while IFS= read -r line; do

@@ -91,6 +91,10 @@ TEST(StringEditing, InsertAndReplace) {
   EXPECT_EQ(text(a.insert(1, u'X', 2)), u"abcdXXe");
   EXPECT_EQ(text(b.insert(1, u'X', 1)), u"abcX");
   EXPECT_EQ(text(c.insert(0, u'X', 3)), u"aXXXbc");
+  // Past length+1 copies only those remain, however large the count.
+  QelString d(u"abc"), e(u"abc");
+  EXPECT_EQ(text(d.insert(0, u'X', 4)), u"XXXXabc");
+  EXPECT_EQ(text(e.insert(1, u'X', 4000000000u)), u"XXXX");
 
   QelString r(u"aaa");
   EXPECT_EQ(text(r.replace(QelString(u"a"), QelString(u"aa"))), u"aaaaaa");
