@@ -62,15 +62,15 @@ void QelDefaultFunctions::registerIOFunctions(QelVirtualMachine* vm) {
 
 void QelDefaultFunctions::registerMathFunctions(QelVirtualMachine* vm) {
   registerAll(vm, {
-      // {u"sin", F::Qel_sin},
-      // {u"cos", F::Qel_cos},
-      // {u"tan", F::Qel_tan},
-      // {u"atan", F::Qel_atan},
-      // {u"sqrt", F::Qel_sqrt},
-      // {u"log", F::Qel_log},
-      // {u"exp", F::Qel_exp},
-      // {u"abs", F::Qel_abs},
-      // {u"pow", F::Qel_pow},
+      {u"sin", F::Qel_sin},
+      {u"cos", F::Qel_cos},
+      {u"tan", F::Qel_tan},
+      {u"atan", F::Qel_atan},
+      {u"sqrt", F::Qel_sqrt},
+      {u"log", F::Qel_log},
+      {u"exp", F::Qel_exp},
+      {u"abs", F::Qel_abs},
+      {u"pow", F::Qel_pow},
   });
 }
 
@@ -113,22 +113,22 @@ void QelDefaultFunctions::registerFunctions(QelVirtualMachine* vm) {
       // {u"compile", F::Qel_compile},
       // {u"loadmodule", F::Qel_loadmodule},
 
-      // {u"int", F::Qel_int},
-      // {u"float", F::Qel_float},
-      // {u"double", F::Qel_double},
-      // {u"string", F::Qel_string},
-      // {u"buffer", F::Qel_buffer},
-      // {u"gettypename", F::Qel_gettypename},
-      // {u"gettype", F::Qel_gettype},
-      // {u"getclassname", F::Qel_getclassname},
-      // {u"dynamic_cast", F::Qel_dynamic_cast},
+      {u"int", F::Qel_int},
+      {u"float", F::Qel_float},
+      {u"double", F::Qel_double},
+      {u"string", F::Qel_string},
+      {u"buffer", F::Qel_buffer},
+      {u"gettypename", F::Qel_gettypename},
+      {u"gettype", F::Qel_gettype},
+      {u"getclassname", F::Qel_getclassname},
+      {u"dynamic_cast", F::Qel_dynamic_cast},
       // {u"time", F::Qel_time},
       // {u"timer", F::Qel_timer},
   });
   registerMathFunctions(vm);
   registerAll(vm, {
-      // {u"rand", F::Qel_rand},
-      // {u"srand", F::Qel_srand},
+      {u"rand", F::Qel_rand},
+      {u"srand", F::Qel_srand},
       // {u"ctime", F::Qel_ctime},
       // {u"localtime", F::Qel_localtime},
       // {u"getargs", F::Qel_getargs},
