@@ -110,7 +110,7 @@ void QelDefaultFunctions::registerFunctions(QelVirtualMachine* vm) {
       // {u"T", F::Qel_T},
       // {u"CBuf", F::Qel_CBuf},
 
-      // {u"compile", F::Qel_compile},
+      {u"compile", F::Qel_compile},
       // {u"loadmodule", F::Qel_loadmodule},
 
       {u"int", F::Qel_int},
@@ -122,26 +122,26 @@ void QelDefaultFunctions::registerFunctions(QelVirtualMachine* vm) {
       {u"gettype", F::Qel_gettype},
       {u"getclassname", F::Qel_getclassname},
       {u"dynamic_cast", F::Qel_dynamic_cast},
-      // {u"time", F::Qel_time},
-      // {u"timer", F::Qel_timer},
+      {u"time", F::Qel_time},
+      {u"timer", F::Qel_timer},
   });
   registerMathFunctions(vm);
   registerAll(vm, {
       {u"rand", F::Qel_rand},
       {u"srand", F::Qel_srand},
-      // {u"ctime", F::Qel_ctime},
-      // {u"localtime", F::Qel_localtime},
-      // {u"getargs", F::Qel_getargs},
-      // {u"getusrargs", F::Qel_getusrargs},
-      // {u"argcnt", F::Qel_argcnt},
-      // {u"arg", F::Qel_arg},
-      // {u"addr", F::Qel_addr},
-      // {u"getenv", F::Qel_getenv},
-      // {u"setenv", F::Qel_setenv},
-      // {u"LoadLibrary", F::Qel_LoadLibrary},
-      // {u"FreeLibrary", F::Qel_FreeLibrary},
-      // {u"GetProcAddress", F::Qel_GetProcAddress},
-      // {u"CallLibFunc", F::Qel_CallLibFunc},
+      {u"ctime", F::Qel_ctime},
+      {u"localtime", F::Qel_localtime},
+      {u"getargs", F::Qel_getargs},
+      {u"getusrargs", F::Qel_getusrargs},
+      {u"argcnt", F::Qel_argcnt},
+      {u"arg", F::Qel_arg},
+      {u"addr", F::Qel_addr},
+      {u"getenv", F::Qel_getenv},
+      {u"setenv", F::Qel_setenv},
+      {u"LoadLibrary", F::Qel_LoadLibrary},
+      {u"FreeLibrary", F::Qel_FreeLibrary},
+      {u"GetProcAddress", F::Qel_GetProcAddress},
+      {u"CallLibFunc", F::Qel_CallLibFunc},
   });
   registerDictFunctions(vm);
 }
