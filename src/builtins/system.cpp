@@ -1,0 +1,355 @@
+// System built-ins: time, the script's own arguments, addresses, the environment,
+// compiling at run time and calls into native libraries.
+//
+// Native addresses reach scripts as 32-bit handles (the platform layer's handle
+// table). This file remembers what each handle it gave out stands for, so that a
+// handle is only ever used as what it is: a library is closed only as often as a
+// script opened it, and a procedure is looked up, and called, only while a library
+// it was found through is still open.
+#include <dlfcn.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+
+#include "builtins/args.h"
+#include "platform/files.h"
+#include "qel/compiler.h"
+#include "qel/platform.h"
+
+using namespace qel;
+
+namespace {
+
+// ---- Handles given out by the native-library built-ins and "addr" ----
+
+// Library handle -> how many "LoadLibrary" calls are not yet matched by "FreeLibrary".
+std::unordered_map<int32_t, int>& openLibraries() {
+  static auto* libraries = new std::unordered_map<int32_t, int>;
+  return *libraries;
+}
+
+// Procedure handle -> the library handles "GetProcAddress" found it through.
+std::unordered_map<int32_t, std::unordered_set<int32_t>>& procedureLibraries() {
+  static auto* procedures = new std::unordered_map<int32_t, std::unordered_set<int32_t>>;
+  return *procedures;
+}
+
+// Handles of addresses answered by "addr".
+std::unordered_set<int32_t>& dataHandles() {
+  static auto* data = new std::unordered_set<int32_t>;
+  return *data;
+}
+
+// The library behind a handle that a script opened and has not closed, or null.
+void* openLibrary(int32_t handle) {
+  auto it = openLibraries().find(handle);
+  return it != openLibraries().end() && it->second > 0 ? qelAddressOf(handle) : nullptr;
+}
+
+// The procedure behind a handle, while a library it was found through is open.
+void* liveProcedure(int32_t handle) {
+  auto it = procedureLibraries().find(handle);
+  if (it == procedureLibraries().end()) return nullptr;
+  for (int32_t lib : it->second) {
+    if (openLibrary(lib)) return qelAddressOf(handle);
+  }
+  return nullptr;
+}
+
+// ---- Native calls ----
+
+typedef intptr_t Word;
+
+// Calls fn with the first N words as its arguments, by the platform's convention for
+// a function of N register-width integers; the 32-bit return value is the result.
+template <size_t... I>
+int32_t callWith(void* fn, const Word* words, std::index_sequence<I...>) {
+  typedef int32_t (*Function)(decltype(static_cast<void>(I), Word())...);
+  return reinterpret_cast<Function>(fn)(words[I]...);
+}
+
+template <size_t N>
+int32_t callWithCount(void* fn, const Word* words) {
+  return callWith(fn, words, std::make_index_sequence<N>());
+}
+
+const int kMaxNativeArgs = 16;
+
+// One dispatch entry for each argument count, 0 to 16.
+typedef int32_t (*Dispatch)(void*, const Word*);
+template <size_t... N>
+const Dispatch* dispatchTable(std::index_sequence<N...>) {
+  static const Dispatch table[] = {callWithCount<N>...};
+  return table;
+}
+
+// A script value as a register-width argument: integers sign-extended (a live "addr"
+// handle as its address), floats and doubles truncated, null as 0, anything else
+// its full payload pointer.
+Word toWord(const QelValue& v) {
+  switch (v.getType()) {
+    case QVT_INTEGER: {
+      int32_t n = v.toLong();
+      if (dataHandles().count(n)) {
+        if (void* address = qelAddressOf(n)) return reinterpret_cast<Word>(address);
+      }
+      return n;
+    }
+    case QVT_FLOAT:
+    case QVT_DOUBLE:
+      return v.toLong();
+    default:
+      return static_cast<Word>(v.rawBits());
+  }
+}
+
+// ---- Script arguments ----
+
+// A new vector of new strings: `first` when given, then the `count` texts.
+QelValue stringVector(const QelChar* first, const QelChar* const* texts, int count) {
+  QelVector* v = new QelVector();
+  if (first) v->push_back(QelValue(new QelString(first), false));
+  for (int i = 0; i < count; ++i) v->push_back(QelValue(new QelString(texts[i]), false));
+  return QelValue(v, false, false);
+}
+
+// ---- Run-time compilation ----
+
+// The rest of a stream, read as the compiler reads it: byte by byte.
+std::string readRest(FILE* fp) {
+  std::string bytes;
+  char chunk[4096];
+  size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, fp)) > 0) bytes.append(chunk, n);
+  return bytes;
+}
+
+// The compiler closes the stream it reads: it gets a stream of its own over the rest
+// of the script's stream, which stays open for the script to close.
+bool compileStream(QelCompiler& compiler, FILE* fp, const QelChar* name) {
+  if (!fp) return compiler.compile(static_cast<void*>(nullptr), name);
+  std::string bytes = readRest(fp);
+  if (bytes.empty()) return compiler.compile(u"", name);
+  FILE* copy = fmemopen(&bytes[0], bytes.size(), "r");
+  return copy && compiler.compile(static_cast<void*>(copy), name);
+}
+
+}  // namespace
+
+// ---- Time ----
+
+bool QelDefaultFunctions::Qel_time(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(0, 0)) return false;
+  return call.result(QelValue(static_cast<int32_t>(::time(static_cast<uint32_t*>(nullptr)))));
+}
+
+bool QelDefaultFunctions::Qel_timer(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(0, 0)) return false;
+  return call.result(QelValue(static_cast<int32_t>(qelTickCount())));
+}
+
+bool QelDefaultFunctions::Qel_ctime(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, 1)) return false;
+  if (!call.isInteger(1)) return call.fail(kMsgInvalidArgumentType);
+  uint32_t seconds = static_cast<uint32_t>(call.integer(1));
+  return call.result(QelValue(new QelString(_tctime(&seconds)), false));
+}
+
+// Seconds, minutes, hours, day of month, month 1-12, full year, day of week, and -1
+// for the day of year and the daylight flag: the layer's deliberate convention.
+bool QelDefaultFunctions::Qel_localtime(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, 1)) return false;
+  if (!call.isInteger(1)) return call.fail(kMsgInvalidArgumentType);
+  uint32_t seconds = static_cast<uint32_t>(call.integer(1));
+  const struct tm* t = ::localtime(&seconds);
+  if (!t) return call.none();
+  const int fields[9] = {t->tm_sec,  t->tm_min,  t->tm_hour, t->tm_mday, t->tm_mon,
+                         t->tm_year, t->tm_wday, t->tm_yday, t->tm_isdst};
+  QelVector* v = new QelVector(9, true);
+  for (unsigned i = 0; i < 9; ++i) (*v)[i] = QelValue(static_cast<int32_t>(fields[i]));
+  return call.result(QelValue(v, false, false));
+}
+
+// ---- The script's arguments ----
+
+bool QelDefaultFunctions::Qel_getargs(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(0, 0)) return false;
+  int count = vm->cmdargv() ? vm->cmdargc() : 0;
+  return call.result(stringVector(nullptr, vm->cmdargv(), count));
+}
+
+// The arguments from the first one that begins with "#" on; a bare "#" is only the
+// marker, while "#text" is the marker and the first user argument "text".
+bool QelDefaultFunctions::Qel_getusrargs(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(0, 0)) return false;
+  const QelChar** argv = vm->cmdargv();
+  int count = argv ? vm->cmdargc() : 0;
+  int marker = 0;
+  while (marker < count && !(argv[marker] && argv[marker][0] == u'#')) ++marker;
+  if (marker == count) return call.result(stringVector(nullptr, nullptr, 0));
+  const QelChar* first = argv[marker][1] ? argv[marker] + 1 : nullptr;
+  return call.result(stringVector(first, argv + marker + 1, count - marker - 1));
+}
+
+bool QelDefaultFunctions::Qel_argcnt(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(0, 0)) return false;
+  QelProcInfo* proc = vm->interpreter()->getProcInfo();
+  return call.result(QelValue(static_cast<int32_t>(proc ? proc->getNargs() : 0)));
+}
+
+bool QelDefaultFunctions::Qel_arg(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, 1)) return false;
+  if (!call.isInteger(1)) return call.fail(kMsgInvalidArgumentType);
+  QelProcInfo* proc = vm->interpreter()->getProcInfo();
+  int32_t i = call.integer(1);
+  if (!proc || i < 0 || i >= proc->getNargs()) return call.fail(kMsgInvalidIndex);
+  QelValue argument(proc->bp().at(i + 1));
+  return call.result(std::move(argument));
+}
+
+bool QelDefaultFunctions::Qel_addr(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, 1)) return false;
+  QelValue* cell = call.cursor();
+  if (!cell || cell->isNull()) return call.fail(kMsgArgumentNull);
+  int32_t handle = qelHandleFor(cell->addr());
+  if (handle) dataHandles().insert(handle);
+  return call.result(QelValue(handle));
+}
+
+// ---- The environment ----
+
+bool QelDefaultFunctions::Qel_getenv(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, 1)) return false;
+  QelString* name = call.string(1);
+  if (!name) return call.fail(kMsgStringExpected);
+  return call.result(QelValue(new QelString(_tgetenv(name->c_str())), false));
+}
+
+bool QelDefaultFunctions::Qel_setenv(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(2, 2)) return false;
+  QelString* name = call.string(1);
+  QelString* value = call.string(2);
+  if (!name || !value) return call.fail(kMsgStringExpected);
+  if (name->empty()) return call.result(QelValue(0));
+  unsigned nameLength = name->length();
+  unsigned valueLength = value->length();
+  QelChar* assignment = static_cast<QelChar*>(allocmem((nameLength + valueLength + 2) * sizeof(QelChar)));
+  memcpy(assignment, name->c_str(), nameLength * sizeof(QelChar));
+  assignment[nameLength] = u'=';
+  memcpy(assignment + nameLength + 1, value->c_str(), (valueLength + 1) * sizeof(QelChar));
+  int status = _tputenv(assignment);
+  free(assignment);
+  return call.result(QelValue(status == 0 ? 1 : 0));
+}
+
+// ---- Compiling at run time ----
+
+// Compile errors are the compiler's to report (through the machine's printer); they
+// only make the result 0.
+bool QelDefaultFunctions::Qel_compile(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, 2)) return false;
+  QelValueType sourceType = call.typeOf(1);
+  bool fromFile = sourceType == QVT_FILE;
+  if (!fromFile && !call[1].isString()) return call.fail(kMsgInvalidArgumentType);
+  if (nargs == 2 && !call.string(2)) return call.fail(kMsgInvalidArgumentType);
+  // Compiling may run script destructors: the texts are held by copies of the values.
+  QelValue source(call[1]);
+  QelValue nameValue(nargs == 2 ? call[2] : QelValue());
+  QelString* nameString = nameValue;
+  const QelChar* name = nameString ? nameString->c_str() : u"";
+  QelCompiler compiler(*vm, nullptr);
+  bool ok;
+  if (fromFile) {
+    ok = compileStream(compiler, static_cast<FILE*>(static_cast<void*>(source)), name);
+  } else {
+    QelString* text = source;
+    ok = compiler.compile(text ? text->c_str() : u"", name);
+  }
+  return call.result(QelValue(ok ? 1 : 0));
+}
+
+// ---- Native libraries ----
+
+bool QelDefaultFunctions::Qel_LoadLibrary(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, 1)) return false;
+  QelString* name = call.string(1);
+  if (!name) return call.fail(kMsgInvalidArgumentType);
+  void* lib = dlopen(toUtf8(name->c_str()).c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!lib) return call.result(QelValue(0));
+  int32_t handle = qelHandleFor(lib);
+  ++openLibraries()[handle];
+  return call.result(QelValue(handle));
+}
+
+// Closes one load made by "LoadLibrary"; any other handle is left alone and gives 0.
+// The handle keeps its number: another load of the same library answers the same one.
+bool QelDefaultFunctions::Qel_FreeLibrary(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, 1)) return false;
+  if (!call.isInteger(1)) return call.fail(kMsgInvalidArgumentType);
+  int32_t handle = call.integer(1);
+  void* lib = openLibrary(handle);
+  if (!lib) return call.result(QelValue(0));
+  --openLibraries()[handle];
+  return call.result(QelValue(dlclose(lib) == 0 ? 1 : 0));
+}
+
+bool QelDefaultFunctions::Qel_GetProcAddress(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(2, 2)) return false;
+  QelString* name = call.string(2);
+  if (!call.isInteger(1) || !name) return call.fail(kMsgInvalidArgumentType);
+  void* lib = openLibrary(call.integer(1));
+  if (!lib) return call.result(QelValue(0));
+  // Every "?" becomes "W", deliberately: scripts write "?" where a wide variant's suffix goes.
+  QelString symbol(*name);
+  symbol.replace(u'?', u'W');
+  void* fn = dlsym(lib, toUtf8(symbol.c_str()).c_str());
+  int32_t handle = qelHandleFor(fn);
+  if (handle) procedureLibraries()[handle].insert(call.integer(1));
+  return call.result(QelValue(handle));
+}
+
+bool QelDefaultFunctions::Qel_CallLibFunc(QelVirtualMachine* vm, int nargs, ValPtr& args) {
+  if (!systemReady(vm)) return false;
+  BuiltinCall call(vm, nargs, args);
+  if (!call.arity(1, kMaxNativeArgs + 1)) return false;
+  if (!call.isInteger(1)) return call.fail(kMsgInvalidArgumentType);
+  // Only a procedure found by "GetProcAddress" in a library still open is called.
+  void* fn = liveProcedure(call.integer(1));
+  if (!fn) return call.fail(kMsgInvalidArgumentType);
+  Word words[kMaxNativeArgs];
+  for (int k = 2; k <= nargs; ++k) words[k - 2] = toWord(call[k]);
+  static const Dispatch* const dispatch = dispatchTable(std::make_index_sequence<kMaxNativeArgs + 1>());
+  return call.result(QelValue(dispatch[nargs - 1](fn, words)));
+}
