@@ -118,27 +118,6 @@ QelValue stringVector(const QelChar* first, const QelChar* const* texts, int cou
   return QelValue(v, false, false);
 }
 
-// ---- Run-time compilation ----
-
-// The rest of a stream, read as the compiler reads it: byte by byte.
-std::string readRest(FILE* fp) {
-  std::string bytes;
-  char chunk[4096];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, fp)) > 0) bytes.append(chunk, n);
-  return bytes;
-}
-
-// The compiler closes the stream it reads: it gets a stream of its own over the rest
-// of the script's stream, which stays open for the script to close.
-bool compileStream(QelCompiler& compiler, FILE* fp, const QelChar* name) {
-  if (!fp) return compiler.compile(static_cast<void*>(nullptr), name);
-  std::string bytes = readRest(fp);
-  if (bytes.empty()) return compiler.compile(u"", name);
-  FILE* copy = fmemopen(&bytes[0], bytes.size(), "r");
-  return copy && compiler.compile(static_cast<void*>(copy), name);
-}
-
 }  // namespace
 
 // ---- Time ----
@@ -270,13 +249,13 @@ bool QelDefaultFunctions::Qel_setenv(QelVirtualMachine* vm, int nargs, ValPtr& a
 // ---- Compiling at run time ----
 
 // Compile errors are the compiler's to report (through the machine's printer); they
-// only make the result 0.
+// only make the result 0. A stream is the compiler's to close, as the compiler closes
+// every stream it reads: the script's file is closed afterwards.
 bool QelDefaultFunctions::Qel_compile(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   if (!call.arity(1, 2)) return false;
-  QelValueType sourceType = call.typeOf(1);
-  bool fromFile = sourceType == QVT_FILE;
-  if (!fromFile && !call[1].isString()) return call.fail(kMsgInvalidArgumentType);
+  FILE* stream = call.stream(1);
+  if (!stream && !call[1].isString()) return call.fail(kMsgInvalidArgumentType);
   if (nargs == 2 && !call.string(2)) return call.fail(kMsgInvalidArgumentType);
   // Compiling may run script destructors: the texts are held by copies of the values.
   QelValue source(call[1]);
@@ -285,8 +264,9 @@ bool QelDefaultFunctions::Qel_compile(QelVirtualMachine* vm, int nargs, ValPtr& 
   const QelChar* name = nameString ? nameString->c_str() : u"";
   QelCompiler compiler(*vm, nullptr);
   bool ok;
-  if (fromFile) {
-    ok = compileStream(compiler, static_cast<FILE*>(static_cast<void*>(source)), name);
+  if (stream) {
+    streamClosed(stream);
+    ok = compiler.compile(static_cast<void*>(stream), name);
   } else {
     QelString* text = source;
     ok = compiler.compile(text ? text->c_str() : u"", name);

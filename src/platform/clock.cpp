@@ -17,6 +17,7 @@ const char* const kMonthNames[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 
 // Local broken-down time of `seconds` after the epoch.
 bool localCalendar(uint32_t seconds, struct tm* out) {
+  tzset();  // the zone may have changed since the last conversion
   time_t when = static_cast<time_t>(seconds);
   return localtime_r(&when, out) != nullptr;
 }
