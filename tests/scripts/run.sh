@@ -5,6 +5,8 @@
 #   NAME.err     lines that must each appear in standard error
 #   NAME.noerr   lines none of which may appear in standard error
 #   NAME.args    extra command-line words for qel, before the script (e.g. -e start)
+#   NAME.in      standard input for qel (absent: none)
+#   NAME.env     environment settings for qel, one NAME=VALUE a line
 set -u
 qel=$1
 script=$2
@@ -16,7 +18,11 @@ trap 'rm -rf "$work"' EXIT
 
 args=()
 [ -f "$name.args" ] && read -r -a args < "$name.args"
-"$qel" "${args[@]}" "$name.qel" > "$work/out" 2> "$work/err"
+input=/dev/null
+[ -f "$name.in" ] && input="$name.in"
+settings=()
+[ -f "$name.env" ] && mapfile -t settings < "$name.env"
+env "${settings[@]}" "$qel" "${args[@]}" "$name.qel" < "$input" > "$work/out" 2> "$work/err"
 status=$?
 
 expected_status=0
