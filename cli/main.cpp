@@ -1,11 +1,13 @@
-// qel: compiles a script and runs one of its procedures.
+// qel: compiles a script (or reads a module file) and runs one of its procedures.
 //
 //   qel [options] FILE [ARG...]
 //
 // The procedure ("main" unless -e names another) receives the ARGs as strings; the
-// scripts' command arguments are FILE followed by the ARGs. Standard output gets
-// what scripts print and the listing; standard error gets compiler reports, show-info
-// lines, runtime errors and the trace.
+// scripts' command arguments are FILE followed by the ARGs. A FILE ending in ".qem" is
+// a module file and is read instead of compiled; -m reads module files first; -c writes
+// the machine's module file instead of running. Standard output gets what scripts
+// print, the listing and the module reader's messages; standard error gets compiler
+// reports, show-info lines, runtime errors and the trace.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -20,12 +22,16 @@ const int kExitUsage = 64;
 const int kExitCompile = 65;
 const int kExitNoInput = 66;
 const int kExitRuntime = 70;
+const int kExitCannotCreate = 73;
 
 const char kUsage[] =
     "usage: qel [options] FILE [ARG...]\n"
     "Compiles FILE and runs its procedure main with the ARGs as string arguments.\n"
+    "A FILE ending in .qem is a module file: it is read instead of compiled.\n"
     "\n"
     "options:\n"
+    "  -c OUT      compile FILE and write the module file OUT instead of running\n"
+    "  -m MODULE   read the module file MODULE before FILE (repeatable, in order)\n"
     "  -e NAME     run the procedure NAME instead of main\n"
     "  -i          print a line per declared class and function (standard error)\n"
     "  -l          print the listing of every compiled procedure (standard output)\n"
@@ -35,10 +41,13 @@ const char kUsage[] =
     "  --          end of options\n"
     "\n"
     "exit status: the procedure's integer result (0-255), 0 when it returns no integer;\n"
-    "64 bad usage, 65 compile errors, 66 FILE cannot be opened, 70 runtime error.\n";
+    "64 bad usage, 65 compile errors or a malformed module, 66 FILE or a module cannot be\n"
+    "opened, 70 runtime error, 73 OUT cannot be written.\n";
 
 struct Options {
   std::string entry = "main";
+  std::string output;
+  std::vector<std::string> modules;
   bool showInfo = false;
   bool listing = false;
   bool trace = false;
@@ -73,6 +82,12 @@ int parseOptions(int argc, char** argv, Options& opt) {
     if (a == "-e") {
       if (i + 1 >= argc) return usageError("option -e needs a procedure name");
       opt.entry = argv[++i];
+    } else if (a == "-c") {
+      if (i + 1 >= argc) return usageError("option -c needs an output file");
+      opt.output = argv[++i];
+    } else if (a == "-m") {
+      if (i + 1 >= argc) return usageError("option -m needs a module file");
+      opt.modules.emplace_back(argv[++i]);
     } else if (a == "-i") {
       opt.showInfo = true;
     } else if (a == "-l") {
@@ -95,6 +110,31 @@ int exitStatusOf(const QelValue& result) {
   return result.toLong() & 0xFF;
 }
 
+bool canOpen(const std::string& file) {
+  FILE* probe = fopen(file.c_str(), "r");
+  if (!probe) return false;
+  fclose(probe);
+  return true;
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+  return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// Reads a module file into the machine; answers -1, or the exit status to end with.
+int readModuleFile(QelVirtualMachine& vm, const std::string& file) {
+  if (!canOpen(file)) {
+    fprintf(stderr, "qel: cannot open %s\n", file.c_str());
+    return kExitNoInput;
+  }
+  if (!vm.readModule(QelString(file.c_str()).c_str())) {
+    fflush(stdout);
+    fprintf(stderr, "qel: cannot read module %s\n", file.c_str());
+    return kExitCompile;
+  }
+  return -1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -102,12 +142,10 @@ int main(int argc, char** argv) {
   int early = parseOptions(argc, argv, opt);
   if (early >= 0) return early;
 
-  FILE* probe = fopen(opt.file.c_str(), "r");
-  if (!probe) {
+  if (!canOpen(opt.file)) {
     fprintf(stderr, "qel: cannot open %s\n", opt.file.c_str());
     return kExitNoInput;
   }
-  fclose(probe);
 
   QelFileStreamPrinter out(stdout, false);
   QelFileStreamPrinter err(stderr, false);
@@ -122,9 +160,23 @@ int main(int argc, char** argv) {
   vm.cmdargc() = static_cast<int>(argvText.size());
   vm.cmdargv() = argvText.data();
 
-  if (!vm.compileFile(texts[0].c_str(), opt.showInfo, opt.listing, &err, &out)) {
+  for (const std::string& module : opt.modules) {
+    int status = readModuleFile(vm, module);
+    if (status >= 0) return status;
+  }
+  if (endsWith(opt.file, ".qem")) {
+    int status = readModuleFile(vm, opt.file);
+    if (status >= 0) return status;
+  } else if (!vm.compileFile(texts[0].c_str(), opt.showInfo, opt.listing, &err, &out)) {
     fflush(stdout);
     return kExitCompile;
+  }
+  if (!opt.output.empty()) {
+    bool written = vm.writeModule(QelString(opt.output.c_str()).c_str());
+    fflush(stdout);
+    if (written) return 0;
+    fprintf(stderr, "qel: cannot write %s\n", opt.output.c_str());
+    return kExitCannotCreate;
   }
   QelString entry(opt.entry.c_str());
   if (!vm.symbols().find(entry)) {

@@ -18,3 +18,4 @@
 #include "qel/interpreter.h"
 #include "qel/debugger.h"
 #include "qel/builtins.h"
+#include "qel/dictionary_io.h"

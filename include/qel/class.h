@@ -49,6 +49,8 @@ class QEL_API QelClass : public QelRefObject {
   void notifyObjDelete(QelObject* obj);
 
  private:
+  // A module file stores the data size its writer computed.
+  friend class QelDictionaryIO;
   bool hasOwnMember(const QelString& name) const;
   bool addMember(const QelChar* name, bool function, QelSymbolType type, const QelValue& value);
   void initDictionaries();

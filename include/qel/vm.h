@@ -43,6 +43,13 @@ class QEL_API QelVirtualMachine {
   void cloneSymbols(const QelVirtualMachine& other);
   // Loads a native library and calls its "RegisterNativeModule" with this machine.
   bool loadNativeModule(const QelChar* path);
+  // Writes the classes and symbols to a module file, or reads one into this machine
+  // (QelDictionaryIO); false for a null path or a failed transfer.
+  bool writeModule(const QelChar* path);
+  bool readModule(const QelChar* path);
+  // Keeps a class that a module read has replaced in `classes`: its objects and running
+  // code may still use it. It is emptied with the registries, as registered classes are.
+  void keepReplacedClass(const QelValue& cls);
   // Asks the host's wait procedure whether single-stepping goes on; false without one.
   bool dbgWait();
   bool (*setDbgWaitProc(bool (*proc)()))();
@@ -58,6 +65,7 @@ class QEL_API QelVirtualMachine {
 
  private:
   void freeModules();
+  void emptyClass(const QelValue& cls);
   void clearRegistries();
   bool compileSource(void* fp, const QelChar* text, const QelChar* name, bool showInfo, bool listing,
                      IQelPrinter* printer, IQelPrinter* listingPrinter);
@@ -69,6 +77,7 @@ class QEL_API QelVirtualMachine {
   QelInterpreter* interpreter_;
   bool ownsPrinter_;
   QelValue result_;
+  QelVector replacedClasses_;
   int cmdargc_;
   const QelChar** cmdargv_;
   bool (*dbgWaitProc_)();

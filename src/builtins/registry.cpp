@@ -49,8 +49,8 @@ void QelDefaultFunctions::registerIOFunctions(QelVirtualMachine* vm) {
       {u"fgets", F::Qel_fgets},
       {u"fputs", F::Qel_fputs},
       {u"print", F::Qel_print},
-      // {u"freadval", F::Qel_freadval},
-      // {u"fwriteval", F::Qel_fwriteval},
+      {u"freadval", F::Qel_freadval},
+      {u"fwriteval", F::Qel_fwriteval},
       {u"fread", F::Qel_fread},
       {u"fwrite", F::Qel_fwrite},
       {u"getwc", F::Qel_getwc},
@@ -109,10 +109,8 @@ void QelDefaultFunctions::registerFunctions(QelVirtualMachine* vm) {
       {u"Vec", F::Qel_Vec},
       {u"T", F::Qel_T},
       {u"CBuf", F::Qel_CBuf},
-
       {u"compile", F::Qel_compile},
-      // {u"loadmodule", F::Qel_loadmodule},
-
+      {u"loadmodule", F::Qel_loadmodule},
       {u"int", F::Qel_int},
       {u"float", F::Qel_float},
       {u"double", F::Qel_double},

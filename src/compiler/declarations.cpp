@@ -1,6 +1,7 @@
 // The compiler's top level: functions, classes, literal values and preprocessor lines.
 #include "platform/files.h"
 #include "qel/compiler.h"
+#include "qel/dictionary_io.h"
 #include "qel/platform.h"
 
 namespace {
@@ -440,8 +441,11 @@ bool QelCompiler::_doPreproc(int& errors) {
       ++errors;
       return true;
     }
-    // Module files are not read by this engine yet: "use" answers its failure.
-    _error(u"library import failed", errors);
+    // The module is looked for along QELLIB, else taken by the name as written.
+    QelString name(scanner_->getTokenString());
+    const QelChar* found = searchEnv(u"QELLIB", name.c_str());
+    QelDictionaryIO io(vm_);
+    if (!io.readModule(QelString(found ? found : name.c_str()))) _error(u"library import failed", errors);
   } else if (command.equals(u"import")) {
     if (!_fetchRequire(QT_STRING, 0)) {
       ++errors;

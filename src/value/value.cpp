@@ -154,6 +154,11 @@ void QelRefObject::finish() {
     else if (QelDictionary* d = dynamic_cast<QelDictionary*>(this)) d->clear();
   }
   weak_ &= ~kDying;
+  // Its last references may have been among what it held (a vector holding itself).
+  if ((weak_ & kWeakMask) == 0) {
+    weak_ |= kDying;
+    delete this;
+  }
 }
 
 void QelRefObject::lastWeakDropped() {

@@ -6,6 +6,7 @@
 #include "qel/builtins.h"
 #include "qel/compiler.h"
 #include "qel/debugger.h"
+#include "qel/dictionary_io.h"
 #include "qel/interpreter.h"
 #include "qel/platform.h"
 #include "platform/files.h"
@@ -50,18 +51,25 @@ void QelVirtualMachine::freeModules() {
 
 // Member functions hold their class (a procedure names its class) and static members
 // may hold objects of it: the class members are emptied first so those cycles break.
+// Native classes, and classes another machine made (shared by cloneSymbols), keep
+// their members.
+void QelVirtualMachine::emptyClass(const QelValue& value) {
+  QelClass* cls = value;
+  if (!cls || cls->getIsNative() || &cls->getVirtualMachine() != this) return;
+  cls->funcMembers().clear();
+  cls->dataMembers().clear();
+}
+
 void QelVirtualMachine::clearRegistries() {
-  for (QelDictionaryEntry* e = classes_->getFirst(); e; e = e->getNext()) {
-    if (QelClass* cls = e->getValue()) {
-      // Native classes, and classes another machine made (shared by cloneSymbols),
-      // keep their members.
-      if (cls->getIsNative() || &cls->getVirtualMachine() != this) continue;
-      cls->funcMembers().clear();
-      cls->dataMembers().clear();
-    }
-  }
+  for (QelDictionaryEntry* e = classes_->getFirst(); e; e = e->getNext()) emptyClass(e->getValue());
+  for (unsigned int i = 0; i < replacedClasses_.size(); ++i) emptyClass(replacedClasses_[i]);
   symbols_->clear();
   classes_->clear();
+  replacedClasses_.clear();
+}
+
+void QelVirtualMachine::keepReplacedClass(const QelValue& cls) {
+  if (static_cast<QelClass*>(cls)) replacedClasses_.push_back(cls);
 }
 
 void QelVirtualMachine::reinit() {
@@ -183,6 +191,18 @@ bool QelVirtualMachine::compileText(const QelChar* text, bool showInfo, bool lis
                                     IQelPrinter* listingPrinter) {
   if (!text) return false;
   return compileSource(nullptr, text, u"", showInfo, listing, printer, listingPrinter);
+}
+
+bool QelVirtualMachine::writeModule(const QelChar* path) {
+  if (!path) return false;
+  QelDictionaryIO io(*this);
+  return io.writeModule(QelString(path));
+}
+
+bool QelVirtualMachine::readModule(const QelChar* path) {
+  if (!path) return false;
+  QelDictionaryIO io(*this);
+  return io.readModule(QelString(path));
 }
 
 bool QelVirtualMachine::dbgWait() { return dbgWaitProc_ ? dbgWaitProc_() : false; }

@@ -7,6 +7,7 @@
 #   NAME.noerr   lines none of which may appear in standard error
 #   NAME.args    extra command-line words for qel, before the script (e.g. -e start)
 #   NAME.stdin   standard input for qel (absent: empty)
+#   NAME.env     environment settings for qel, one NAME=VALUE a line
 set -u
 qel=$1
 script=$2
@@ -19,8 +20,10 @@ trap 'rm -rf "$work"' EXIT
 args=()
 [ -f "$name.args" ] && read -r -a args < "$name.args"
 input=/dev/null
-[ -f "$name.stdin" ] && input=$name.stdin
-"$qel" "${args[@]}" "$name.qel" < "$input" > "$work/out" 2> "$work/err"
+[ -f "$name.stdin" ] && input="$name.stdin"
+settings=()
+[ -f "$name.env" ] && mapfile -t settings < "$name.env"
+env "${settings[@]}" "$qel" "${args[@]}" "$name.qel" < "$input" > "$work/out" 2> "$work/err"
 status=$?
 
 expected_status=0

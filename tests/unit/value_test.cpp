@@ -103,6 +103,22 @@ TEST(ValueCounting, CopyAssignDisposeAndRelease) {
   EXPECT_TRUE(dead);
 }
 
+// A container whose last references are its own elements is freed when it ends.
+TEST(ValueCounting, SelfReferenceEndsWithItsContainer) {
+  struct ProbeVector : QelVector {
+    bool* dead = nullptr;
+    ~ProbeVector() override { *dead = true; }
+  };
+  bool dead = false;
+  auto* v = new ProbeVector();
+  v->dead = &dead;
+  {
+    QelValue owner(v, false, false);
+    v->push_back(QelValue(v, false, true));
+  }
+  EXPECT_TRUE(dead);
+}
+
 // Placeholders are made untyped with a null pointer and patched later: an owning
 // placeholder gains a count, a reference placeholder does not.
 TEST(ValueCounting, UntypedConstructorAndAssignRef) {
