@@ -120,6 +120,7 @@ class QEL_API QelDictionaryIO {
   void measure(FILE* fp);
 
   // Resolution after reading, and the bookkeeping of one operation.
+  bool finishRead(bool ok);
   bool dissolveVars();
   bool dissolveClassNames();
   bool dissolveObjRefs();

@@ -1,7 +1,6 @@
 // The built-ins' shared argument checks and result handling.
 #include "builtins/args.h"
 
-#include "exec/messages.h"
 #include "platform/files.h"
 
 namespace qel {

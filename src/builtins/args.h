@@ -13,23 +13,11 @@
 
 #include <cstdio>
 
+#include "exec/messages.h"
 #include "qel/builtins.h"
 #include "qel/interpreter.h"
 
 namespace qel {
-
-// Messages shared by the built-ins.
-inline constexpr QelChar kMsgInvalidArgumentType[] = u"invalid argument type";
-inline constexpr QelChar kMsgInvalidValueType[] = u"invalid value type";
-inline constexpr QelChar kMsgInvalidArgument[] = u"invalid argument";
-inline constexpr QelChar kMsgStringExpected[] = u"invalid argument type - string expected";
-inline constexpr QelChar kMsgStringOrCharExpected[] = u"invalid argument - string or character expected";
-inline constexpr QelChar kMsgInvalidIndex[] = u"invalid index";
-inline constexpr QelChar kMsgInvalidInsertion[] = u"invalid insertion position";
-inline constexpr QelChar kMsgInvalidStart[] = u"invalid start index";
-inline constexpr QelChar kMsgInvalidFormat[] = u"invalid argument format: ";
-inline constexpr QelChar kMsgNotAClass[] = u"first argument is not a class";
-inline constexpr QelChar kMsgArgumentNull[] = u"argument is NULL";
 
 class BuiltinCall {
  public:

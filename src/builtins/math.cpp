@@ -23,44 +23,22 @@ bool applyMath(QelVirtualMachine* vm, int nargs, ValPtr& args, MathFunction fn) 
   return call.result(QelValue(fn(x)));
 }
 
-double sine(double x) { return std::sin(x); }
-double cosine(double x) { return std::cos(x); }
-double tangent(double x) { return std::tan(x); }
-double arcTangent(double x) { return std::atan(x); }
-double squareRoot(double x) { return std::sqrt(x); }
-double logarithm(double x) { return std::log(x); }
-double exponential(double x) { return std::exp(x); }
 double absolute(double x) { return std::fabs(x); }
 
 }  // namespace
 
-bool QelDefaultFunctions::Qel_sin(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  return applyMath(vm, nargs, args, sine);
-}
-
-bool QelDefaultFunctions::Qel_cos(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  return applyMath(vm, nargs, args, cosine);
-}
-
-bool QelDefaultFunctions::Qel_tan(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  return applyMath(vm, nargs, args, tangent);
-}
-
-bool QelDefaultFunctions::Qel_atan(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  return applyMath(vm, nargs, args, arcTangent);
-}
-
-bool QelDefaultFunctions::Qel_sqrt(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  return applyMath(vm, nargs, args, squareRoot);
-}
-
-bool QelDefaultFunctions::Qel_log(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  return applyMath(vm, nargs, args, logarithm);
-}
-
-bool QelDefaultFunctions::Qel_exp(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  return applyMath(vm, nargs, args, exponential);
-}
+#define QEL_MATH_BUILTIN(name)                                                           \
+  bool QelDefaultFunctions::Qel_##name(QelVirtualMachine* vm, int nargs, ValPtr& args) { \
+    return applyMath(vm, nargs, args, [](double x) { return std::name(x); });            \
+  }
+QEL_MATH_BUILTIN(sin)
+QEL_MATH_BUILTIN(cos)
+QEL_MATH_BUILTIN(tan)
+QEL_MATH_BUILTIN(atan)
+QEL_MATH_BUILTIN(sqrt)
+QEL_MATH_BUILTIN(log)
+QEL_MATH_BUILTIN(exp)
+#undef QEL_MATH_BUILTIN
 
 // An integer stays an integer (the most negative one is its own absolute value);
 // everything else, wrong counts included, is the shared routine's with fabs.

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "builtins/args.h"
-#include "exec/messages.h"
 
 using namespace qel;
 

@@ -110,14 +110,7 @@ bool QelDictionaryIO::readModule(const QelString& path) {
   }
   ok = ok && readDictionary(*classes_, 0) && readDictionary(*symbols_, 0);
   fclose(fp);
-  fp_ = nullptr;
-  ok = dissolveVars() && ok;
-  ok = dissolveClassNames() && ok;
-  ok = dissolveObjRefs() && ok;
-  ok = ok && !malformed_;
-  clearObjectLists();
-  releaseRetired();
-  return ok;
+  return finishRead(ok);
 }
 
 bool QelDictionaryIO::writeSingleValue(FILE* fp, QelValue& value) {
@@ -136,7 +129,12 @@ bool QelDictionaryIO::readSingleValue(FILE* fp, QelValue& value) {
   measure(fp);
   Slot root;
   root.root = &value;
-  bool ok = readValue(root, false, 0);
+  return finishRead(readValue(root, false, 0));
+}
+
+// Links what the file named once all of it is in, then lets go of the lists and of
+// what the read replaced.
+bool QelDictionaryIO::finishRead(bool ok) {
   fp_ = nullptr;
   ok = dissolveVars() && ok;
   ok = dissolveClassNames() && ok;
