@@ -1,5 +1,6 @@
 #include "platform/files.h"
 
+#include <cstring>
 #include <mutex>
 #include <unordered_map>
 #include <unordered_set>
@@ -56,12 +57,44 @@ int flushPendingWrite(FILE* fp, PendingUnits& p) {
 
 }  // namespace
 
-std::string toUtf8(const QelChar* text) {
+std::string toUtf8(const QelChar* text) { return toUtf8(text, qelStrLen(text)); }
+
+std::string toUtf8(const QelChar* text, size_t length) {
   if (!text) return std::string();
-  size_t len = qelStrLen(text);
-  std::string out(qelUtf16ToUtf8(text, len, nullptr, 0), '\0');
-  qelUtf16ToUtf8(text, len, &out[0], out.size());
+  std::string out(qelUtf16ToUtf8(text, length, nullptr, 0), '\0');
+  qelUtf16ToUtf8(text, length, &out[0], out.size());
   return out;
+}
+
+std::u16string fromUtf8(const char* text) {
+  size_t length = strlen(text);
+  std::u16string out(qelUtf8ToUtf16(text, length, nullptr, 0), u'\0');
+  qelUtf8ToUtf16(text, length, &out[0], out.size());
+  return out;
+}
+
+// One UTF-8 character, read byte by byte: the bytes of its sequence are decoded as a
+// whole, and a byte that cannot continue it is left for the next read.
+int32_t readCodePoint(FILE* fp) {
+  int lead = fgetc(fp);
+  if (lead == EOF) return -1;
+  char bytes[4] = {static_cast<char>(lead)};
+  int count = lead < 0x80 ? 0 : (lead >> 5) == 6 ? 1 : (lead >> 4) == 14 ? 2 : (lead >> 3) == 30 ? 3 : 0;
+  for (int i = 1; i <= count; ++i) {
+    int next = fgetc(fp);
+    if (next == EOF) return 0xFFFD;
+    if ((next & 0xC0) != 0x80) {
+      ungetc(next, fp);
+      return 0xFFFD;
+    }
+    bytes[i] = static_cast<char>(next);
+  }
+  QelChar units[2];
+  size_t n = qelUtf8ToUtf16(bytes, static_cast<size_t>(count) + 1, units, 2);
+  if (n == 2 && isHighSurrogate(units[0]) && isLowSurrogate(units[1])) {
+    return 0x10000 + ((units[0] - 0xD800) << 10) + (units[1] - 0xDC00);
+  }
+  return n == 1 ? units[0] : 0xFFFD;
 }
 
 FILE* openFile(const QelChar* path, const QelChar* mode) {

@@ -16,8 +16,11 @@
 namespace qel {
 
 FILE* openFile(const QelChar* path, const QelChar* mode);
-// UTF-8 copy of engine text (null reads as "").
+// UTF-8 copy of engine text (null reads as ""), or of its first `length` units.
 std::string toUtf8(const QelChar* text);
+std::string toUtf8(const QelChar* text, size_t length);
+// UTF-8 text as engine text.
+std::u16string fromUtf8(const char* text);
 
 // openFile for a script: the stream is live until closeStream.
 FILE* openStream(const QelChar* path, const QelChar* mode);

@@ -2,9 +2,7 @@
 // and the console character read.
 //
 // The process environment holds the engine's variables. Engine text is UTF-16; the
-// environment, file names and the console are UTF-8. The conversions below do not
-// depend on the C locale: a lone surrogate travels as its own 3-byte sequence, and a
-// malformed byte sequence reads as U+FFFD.
+// environment, file names and the console are UTF-8, converted without the C locale.
 //
 // Not thread-safe: the results live in static buffers that the next call of the same
 // function overwrites, and the engine calls these services from one thread.
@@ -21,108 +19,8 @@
 
 namespace {
 
-const QelChar kReplacement = 0xFFFD;
-
 bool isHighSurrogate(uint32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
 bool isLowSurrogate(uint32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
-
-void appendUtf8(std::string& out, uint32_t c) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
-}
-
-// `length` QelChars of `text` as UTF-8.
-std::string toUtf8(const QelChar* text, size_t length) {
-  std::string out;
-  out.reserve(length);
-  for (size_t i = 0; i < length; ++i) {
-    uint32_t c = text[i];
-    if (isHighSurrogate(c) && i + 1 < length && isLowSurrogate(text[i + 1])) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (text[i + 1] - 0xDC00u);
-      ++i;
-    }
-    appendUtf8(out, c);
-  }
-  return out;
-}
-
-std::string toUtf8(const QelChar* text) {
-  size_t length = 0;
-  while (text[length]) ++length;
-  return toUtf8(text, length);
-}
-
-// Number of continuation bytes that follow `lead`, or -1 for a byte that cannot
-// start a sequence.
-int continuationCount(unsigned char lead) {
-  if (lead < 0x80) return 0;
-  if (lead >= 0xC2 && lead <= 0xDF) return 1;
-  if (lead >= 0xE0 && lead <= 0xEF) return 2;
-  if (lead >= 0xF0 && lead <= 0xF4) return 3;
-  return -1;
-}
-
-// Whether `c`, decoded from `count` continuation bytes, is a value that length of
-// sequence may carry. Surrogates are allowed: they are how lone surrogates travel.
-bool validCodePoint(uint32_t c, int count) {
-  switch (count) {
-    case 1: return c >= 0x80;
-    case 2: return c >= 0x800;
-    case 3: return c >= 0x10000 && c <= 0x10FFFF;
-    default: return true;
-  }
-}
-
-void appendUtf16(std::u16string& out, uint32_t c) {
-  if (c >= 0x10000) {
-    c -= 0x10000;
-    out += static_cast<QelChar>(0xD800 + (c >> 10));
-    out += static_cast<QelChar>(0xDC00 + (c & 0x3FF));
-  } else {
-    out += static_cast<QelChar>(c);
-  }
-}
-
-// UTF-8 text as engine text.
-std::u16string fromUtf8(const char* text) {
-  std::u16string out;
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
-  while (*p) {
-    int count = continuationCount(*p);
-    if (count < 0) {
-      out += kReplacement;
-      ++p;
-      continue;
-    }
-    uint32_t c = count == 0 ? *p : (*p & (0x3Fu >> count));
-    int taken = 0;
-    while (taken < count && (p[1 + taken] & 0xC0) == 0x80) {
-      c = (c << 6) | (p[1 + taken] & 0x3Fu);
-      ++taken;
-    }
-    if (taken < count || !validCodePoint(c, count)) {
-      out += kReplacement;
-      p += 1 + taken;
-      continue;
-    }
-    appendUtf16(out, c);
-    p += 1 + count;
-  }
-  return out;
-}
 
 // Whether `path` names something that opens for reading and is not a directory.
 bool opensForReading(const std::string& path) {
@@ -152,9 +50,9 @@ const QelChar* _tgetenv(const QelChar* name) {
   static QelChar buffer[4096];
   buffer[0] = 0;
   if (!name) return buffer;
-  const char* value = getenv(toUtf8(name).c_str());
+  const char* value = getenv(qel::toUtf8(name).c_str());
   if (!value) return buffer;
-  std::u16string text = fromUtf8(value);
+  std::u16string text = qel::fromUtf8(value);
   size_t length = text.size();
   if (length > 4095) {
     length = 4095;
@@ -171,8 +69,8 @@ int _tputenv(const QelChar* assignment) {
   const QelChar* equals = assignment;
   while (*equals && *equals != u'=') ++equals;
   if (!*equals) return -1;
-  std::string name = toUtf8(assignment, static_cast<size_t>(equals - assignment));
-  std::string value = toUtf8(equals + 1);
+  std::string name = qel::toUtf8(assignment, static_cast<size_t>(equals - assignment));
+  std::string value = qel::toUtf8(equals + 1);
   int result = value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
   if (result == 0) return 0;
   return errno != 0 ? errno : -1;
@@ -206,7 +104,7 @@ const QelChar* searchDirList(const QelChar* dirList, const QelChar* file) {
       result[dirLength] = u'/';
       memcpy(result + dirLength + 1, file, fileLength * sizeof(QelChar));
       result[dirLength + 1 + fileLength] = 0;
-      if (opensForReading(toUtf8(result, dirLength + 1 + fileLength))) return result;
+      if (opensForReading(qel::toUtf8(result, dirLength + 1 + fileLength))) return result;
     }
     start = end + 1;
   }
@@ -223,31 +121,6 @@ const QelChar* searchPath(const QelChar* file) {
   const QelChar* found = searchEnv(u"Path", file);
   return found ? found : searchEnv(u"PATH", file);
 }
-
-namespace qel {
-
-int32_t readCodePoint(FILE* fp) {
-  int lead = fgetc(fp);
-  if (lead == EOF) return -1;
-  int count = continuationCount(static_cast<unsigned char>(lead));
-  if (count < 0) return kReplacement;
-  if (count == 0) return lead;
-  uint32_t c = static_cast<unsigned char>(lead) & (0x3Fu >> count);
-  for (int i = 0; i < count; ++i) {
-    int next = fgetc(fp);
-    if (next == EOF) return kReplacement;
-    if ((next & 0xC0) != 0x80) {
-      // Not part of this character: leave it for the next read.
-      ungetc(next, fp);
-      return kReplacement;
-    }
-    c = (c << 6) | (static_cast<unsigned>(next) & 0x3Fu);
-  }
-  if (!validCodePoint(c, count)) return kReplacement;
-  return static_cast<int32_t>(c);
-}
-
-}  // namespace qel
 
 int _gettche() {
   int32_t c = qel::readCodePoint(stdin);
