@@ -37,6 +37,14 @@ QelValue readLine(FILE* fp, ReadUnit readUnit) {
 
 int32_t readByte(FILE* fp) { return fgetc(fp); }
 
+// The stream of a built-in taking one file; null after reporting a wrong call.
+FILE* onlyStream(BuiltinCall& call) {
+  if (!call.arity(1, 1)) return nullptr;
+  FILE* fp = call.stream(1);
+  if (!fp) call.fail(kMsgInvalidArgumentType);
+  return fp;
+}
+
 // The operands of "fread"/"fwrite": the buffer first, the stream always last, and in
 // between the count, or the item size and the count. Checked in that order.
 struct Transfer {
@@ -102,25 +110,22 @@ bool QelDefaultFunctions::Qel_fopen(QelVirtualMachine* vm, int nargs, ValPtr& ar
 
 bool QelDefaultFunctions::Qel_fclose(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
-  if (!call.arity(1, 1)) return false;
-  FILE* fp = call.stream(1);
-  if (!fp) return call.fail(kMsgInvalidArgumentType);
+  FILE* fp = onlyStream(call);
+  if (!fp) return false;
   return call.result(integer(closeStream(fp)));
 }
 
 bool QelDefaultFunctions::Qel_feof(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
-  if (!call.arity(1, 1)) return false;
-  FILE* fp = call.stream(1);
-  if (!fp) return call.fail(kMsgInvalidArgumentType);
+  FILE* fp = onlyStream(call);
+  if (!fp) return false;
   return call.result(integer(feof(fp)));
 }
 
 bool QelDefaultFunctions::Qel_getc(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
-  if (!call.arity(1, 1)) return false;
-  FILE* fp = call.stream(1);
-  if (!fp) return call.fail(kMsgInvalidArgumentType);
+  FILE* fp = onlyStream(call);
+  if (!fp) return false;
   return call.result(integer(fgetc(fp)));
 }
 
@@ -135,9 +140,8 @@ bool QelDefaultFunctions::Qel_putc(QelVirtualMachine* vm, int nargs, ValPtr& arg
 // "getwc" answers the low 16 bits, so the end of the stream reads 65535.
 bool QelDefaultFunctions::Qel_getwc(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
-  if (!call.arity(1, 1)) return false;
-  FILE* fp = call.stream(1);
-  if (!fp) return call.fail(kMsgInvalidArgumentType);
+  FILE* fp = onlyStream(call);
+  if (!fp) return false;
   return call.result(integer(readWideChar(fp) & 0xFFFF));
 }
 
@@ -159,17 +163,15 @@ bool QelDefaultFunctions::Qel_gets(QelVirtualMachine* vm, int nargs, ValPtr& arg
 // "fgets" reads bytes, each byte one character; "fgetws" reads UTF-8 characters.
 bool QelDefaultFunctions::Qel_fgets(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
-  if (!call.arity(1, 1)) return false;
-  FILE* fp = call.stream(1);
-  if (!fp) return call.fail(kMsgInvalidArgumentType);
+  FILE* fp = onlyStream(call);
+  if (!fp) return false;
   return call.result(readLine(fp, readByte));
 }
 
 bool QelDefaultFunctions::Qel_fgetws(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
-  if (!call.arity(1, 1)) return false;
-  FILE* fp = call.stream(1);
-  if (!fp) return call.fail(kMsgInvalidArgumentType);
+  FILE* fp = onlyStream(call);
+  if (!fp) return false;
   return call.result(readLine(fp, readWideChar));
 }
 
