@@ -22,18 +22,20 @@ std::vector<uint8_t> codeOf(QelVector* proc) {
 
 }  // namespace
 
+// More than 256 literals: the later ones are loaded with wide operands, and run so.
 TEST(CompilerCode, WideLiteralIndexes) {
   QelVirtualMachine vm;
-  std::u16string source = u"many() { ";
-  for (int i = 0; i < 260; ++i) source += u"1;";
-  source += u"}";
-  ASSERT_TRUE(vm.compileText(source.c_str()));
+  std::u16string source = u"many(; t) { t = 0; ";
+  for (int i = 1; i <= 270; ++i) source += u"t += " + std::u16string(QelString::format(u"%d", i).c_str()) + u"; ";
+  ASSERT_TRUE(vm.compileText((source + u"return t; }").c_str()));
   std::vector<uint8_t> code = codeOf(procedure(vm, u"many"));
-  // Literals 3..255 use one operand byte; literal 256 (the 254th) switches to words.
-  std::vector<uint8_t> wide = {OP_RWORD, OP_LIT, 0x00, 0x01, OP_RBYTE};
-  auto at = std::search(code.begin(), code.end(), wide.begin(), wide.end());
-  ASSERT_NE(at, code.end());
-  EXPECT_EQ(at - code.begin(), 1 + 2 * 253);
+  // Literal 3 holds the 0, so 1..252 take the indexes up to 255 in one operand byte
+  // and 253 (literal 256) is the first with a word.
+  for (std::vector<uint8_t> form : {std::vector<uint8_t>{OP_LIT, 0xFF, OP_ADD},
+                                    std::vector<uint8_t>{OP_RWORD, OP_LIT, 0x00, 0x01, OP_RBYTE}})
+    EXPECT_NE(std::search(code.begin(), code.end(), form.begin(), form.end()), code.end());
+  ASSERT_TRUE(vm.execute(u"many", 0, nullptr));
+  EXPECT_EQ(static_cast<int32_t>(vm.getResult()), 270 * 271 / 2);
 }
 
 TEST(CompilerCode, MethodNamesAndVariablesArePooled) {

@@ -8,32 +8,18 @@
 #include <string>
 
 #include "qel/buffer.h"
-#include "qel/dictionary.h"
-
-namespace {
-
-}  // namespace
-
-TEST(ValueTypes, NamesAndReferenceTwins) {
-  EXPECT_EQ(std::u16string(getValueTypeName(QVT_VAR)), u"QVT_VAR");
-  EXPECT_EQ(std::u16string(getValueTypeName(QVT_CHARBUFFERREF)), u"QVT_CHARBUFFERREF");
-  EXPECT_EQ(std::u16string(getValueTypeName(QVT_DICTIONARYREF)), u"QVT_DICTIONARYREF");
-
-  QelString s(u"s");
-  QelVector v;
-  EXPECT_EQ(QelValue(&s, true).getType(), QVT_STRINGREF);
-  EXPECT_EQ(QelValue(&v, false, true).getType(), QVT_VECTORREF);
-  EXPECT_EQ(QelValue(&v, true, true).getType(), QVT_BYTECODEREF);
-  EXPECT_EQ(s.getRefCnt(), 0);  // references never count
-
-  auto* code = new QelVector;
-  QelValue proc(code, true, false);
-  EXPECT_EQ(proc.getType(), QVT_BYTECODE);
-  EXPECT_EQ(static_cast<QelVector*>(proc), code);  // a procedure is a vector too
-  EXPECT_EQ(code->getRefCnt(), 1);
-}
 
 TEST(ValueConversions, NumbersSentinelsAndPointers) {
+  // Reference twins never count; a procedure is a vector too.
+  QelString s(u"text");
+  QelVector v;
+  EXPECT_EQ(QelValue(&v, true, true).getType(), QVT_BYTECODEREF);
+  auto* body = new QelVector;
+  QelValue proc(body, true, false);
+  EXPECT_EQ(proc.getType(), QVT_BYTECODE);
+  EXPECT_EQ(static_cast<QelVector*>(proc), body);
+  EXPECT_EQ(body->getRefCnt(), 1);
+
   QelValue null;
   EXPECT_EQ(static_cast<int32_t>(null), 0);
   EXPECT_EQ(static_cast<float>(null), FLT_MAX);  // the largest finite values
@@ -43,10 +29,9 @@ TEST(ValueConversions, NumbersSentinelsAndPointers) {
   EXPECT_EQ(static_cast<int32_t>(QelValue(-2.9f)), -2);
   EXPECT_EQ(static_cast<int32_t>(QelValue(2.9)), 2);
   EXPECT_EQ(static_cast<int32_t>(QelValue(-2.9)), -2);
-  EXPECT_EQ(static_cast<double>(QelValue(int32_t(-7))), -7.0);
 
-  QelString s(u"text");
   QelValue sv(&s, true);
+  EXPECT_EQ(s.getRefCnt(), 0);
   EXPECT_EQ(static_cast<float>(sv), FLT_MAX);
   EXPECT_EQ(static_cast<double>(sv), DBL_MAX);
   EXPECT_EQ(static_cast<int32_t>(sv), static_cast<int32_t>(reinterpret_cast<uintptr_t>(&s)));
@@ -64,8 +49,7 @@ TEST(ValueConversions, NumbersSentinelsAndPointers) {
   EXPECT_EQ(static_cast<void*>(file), static_cast<void*>(stdout));
   EXPECT_EQ(static_cast<void*>(QelValue(int32_t(1))), nullptr);
 
-  QelValue i(int32_t(42)), d(2.5);
-  EXPECT_EQ(*static_cast<int32_t*>(i.addr()), 42);
+  QelValue d(2.5);
   EXPECT_EQ(*static_cast<double*>(d.addr()), 2.5);
   QelBuffer b(4);
   EXPECT_EQ(QelValue(&b, true).addr(), b.data());
@@ -214,7 +198,7 @@ TEST(VectorBasics, CopiesConcatenationAndCounts) {
   EXPECT_TRUE(dead);
 }
 
-TEST(VectorBasics, StringAndVariableIndex) {
+TEST(VectorBasics, StringIndex) {
   QelString hello(u"hello"), world(u"world");
   QelVector v;
   EXPECT_EQ(v.getStringIndex(u"hello"), -1);
@@ -224,11 +208,6 @@ TEST(VectorBasics, StringAndVariableIndex) {
   EXPECT_EQ(v.getStringIndex(u"world"), 2);  // a reference matches like an owning string
   EXPECT_EQ(v.getStringIndex(u"hell"), -1);
   EXPECT_EQ(v.getStringIndex(nullptr), -1);
-  QelDictionaryEntry entry(nullptr, QelValue(), QST_STATIC_DATA), other(nullptr, QelValue(), QST_DATA);
-  v.push_back(QelValue(&entry));
-  EXPECT_EQ(v.getVarIndex(&entry), 3);
-  EXPECT_EQ(v.getVarIndex(&other), -1);
-  EXPECT_EQ(v.getVarIndex(nullptr), -1);
 }
 
 TEST(VectorCursor, GrowthOnAdvanceAndPostfixSteps) {
