@@ -64,6 +64,8 @@ std::string errorOf(const std::u16string& call) {
   return err.a_str();
 }
 
+// builtins_containers.qel and builtins_strings.qel check the usual wrong calls; these
+// are the orders of the checks and the texts they do not reach.
 TEST(ContainerAndStringBuiltins, ErrorTexts) {
   // Count checks come first; then argument 1; the texts differ between functions.
   const std::pair<const char16_t*, const char*> cases[] = {
@@ -71,7 +73,6 @@ TEST(ContainerAndStringBuiltins, ErrorTexts) {
       {u"newstring(CBuf(), 1)", "too many arguments\n"},
       {u"newstring(nil, 1, 2)", "invalid value type\n"},
       {u"newbuffer(nil)", "invalid value type\n"},
-      {u"newcbuffer(3)", "invalid argument type\n"},
       {u"vecsize(newbuffer(1))", "invalid argument type\n"},
       {u"dictcontains(newdict(), 1)", "invalid argument type\n"},
       {u"strinsert(5, 0, \"x\", 2)", "too many arguments\n"},
@@ -80,7 +81,6 @@ TEST(ContainerAndStringBuiltins, ErrorTexts) {
       {u"strreplace(\"abc\", \"a\", 1)", "invalid argument type - string expected\n"},
       {u"strlen(5)", "invalid argument type\n"},
       {u"strsplit(\"a\", nil)", "invalid argument type\n"},
-      {u"strfind(\"abc\", 0.5)", "invalid argument - string or character expected\n"},
   };
   for (const auto& c : cases)
     EXPECT_EQ(errorOf(c.first), c.second) << std::string(QelString(c.first).a_str());

@@ -26,8 +26,6 @@ std::string readAll(FILE* fp) {
 }  // namespace
 
 TEST(PrinterSinks, DummyAndCallback) {
-  QelDummyPrinter dummy;
-  EXPECT_EQ(dummy(u"%d", 1), 0);
   QelVirtualMachine vm(nullptr);  // no printer: output is discarded
   EXPECT_EQ(vm.printer()(u"lost %d", 1), 0);
 
@@ -52,7 +50,6 @@ TEST(PrinterSinks, StringPrinterAccumulates) {
   EXPECT_EQ(std::u16string(p.c_str()), u"3 items3 items");
   EXPECT_EQ(p(nullptr), -1);
   p.clear();
-  EXPECT_EQ(std::u16string(p.w_str()), u"");
   p(u"%s", u"\u20ac");
   EXPECT_STREQ(p.a_str(), "\xE2\x82\xAC");
 }
