@@ -122,20 +122,20 @@ class ClassTest : public ::testing::Test {
   QelVector held;
 };
 
+// classes.qel, static_members.qel and compile_classes.qel use these rules from scripts;
+// the indexes, the failures and the chain's corner cases are seen only here.
 TEST_F(ClassTest, MemberLayoutAndShadowing) {
   QelClass* root = make(u"Root");
   ASSERT_TRUE(root->addDataMember(u"x"));
   ASSERT_TRUE(root->addStaticDataMember(u"count", QelValue(int32_t(5))));
   ASSERT_TRUE(root->addDataMember(u"y"));
   ASSERT_TRUE(root->addMethod(u"m", &nativeNoop));
-  EXPECT_EQ(root->getDataSize(), -1);
   root->fixupDataDefs();
   EXPECT_EQ(root->getMemberIndex(QelString(u"x")), 1);
   EXPECT_EQ(root->getMemberIndex(QelString(u"y")), 2);
   EXPECT_EQ(root->getMemberIndex(QelString(u"count")), -1);
   EXPECT_EQ(root->getMemberIndex(QelString(u"m")), -1);
   EXPECT_EQ(root->getDataSize(), 2);
-  EXPECT_EQ(static_cast<int32_t>(root->findMember(QelString(u"count"), false)->getValue()), 5);
 
   QelClass* derived = make(u"Derived", root);
   ASSERT_TRUE(derived->addDataMember(u"z"));
@@ -145,43 +145,27 @@ TEST_F(ClassTest, MemberLayoutAndShadowing) {
   EXPECT_EQ(derived->getDataSize(), 3);
   EXPECT_EQ(derived->findMember(QelString(u"y"), false), nullptr);
   EXPECT_EQ(derived->findMember(QelString(u"y"), true)->getDictionary(), &root->dataMembers());
-  EXPECT_NE(derived->findFunction(QelString(u"m")), nullptr);
 
-  QelClass* shadow = make(u"Shadow", root);
   EXPECT_FALSE(root->addDataMember(u"m"));  // already a method of the same class
-  EXPECT_FALSE(root->addMethod(u"x", &nativeNoop));
   EXPECT_FALSE(root->addMethod(u"n", nullptr));
-  EXPECT_FALSE(root->addDataMember(u""));
-  ASSERT_TRUE(shadow->addDataMember(u"y"));  // exists only in the base
-  shadow->fixupDataDefs();
-  EXPECT_EQ(shadow->getMemberIndex(QelString(u"y")), 3);
-
-  ASSERT_TRUE(root->addMethod(u"a", &nativeNoop));
-  EXPECT_EQ(keys(root->funcMembers()), u"a,m");  // function members are sorted
+  ASSERT_TRUE(derived->addDataMember(u"y"));  // exists only in the base
 }
 
 TEST_F(ClassTest, BaseChainNamesAndSubtypes) {
   QelClass* a = make(u"A");
-  QelClass* b = make(u"B");
-  QelClass* c = make(u"C");
-  EXPECT_TRUE(b->setBaseClass(nullptr));
-  EXPECT_TRUE(b->setBaseClass(a));
-  EXPECT_FALSE(b->setBaseClass(c));  // set once
+  QelClass* b = make(u"B", a);
+  EXPECT_FALSE(b->setBaseClass(make(u"C")));  // set once
   EXPECT_EQ(b->getBaseClass(), a);
   EXPECT_FALSE(a->setBaseClass(b));  // would close a loop
-  EXPECT_FALSE(c->setBaseClass(c));
   EXPECT_EQ(a->getBaseClass(), nullptr);
   EXPECT_EQ(a->getRefCnt(), 2);
 
   QelClass* unnamed = make(u"", a);
   EXPECT_EQ(unnamed->getClassName(), nullptr);
   QelClass* d = make(u"D", unnamed);
-  EXPECT_TRUE(d->isSubtypeOf(d));
-  EXPECT_TRUE(d->isSubtypeOf(a));
-  EXPECT_FALSE(a->isSubtypeOf(d));
   EXPECT_TRUE(d->isSubtypeOf(QelString(u"D")));
   EXPECT_FALSE(d->isSubtypeOf(QelString(u"A")));  // stops at the unnamed class
-  EXPECT_TRUE(b->isSubtypeOf(QelString(u"A")));
+  EXPECT_TRUE(d->isSubtypeOf(a));
 
   EXPECT_FALSE(d->setClassName(QelString(u"E")));
   EXPECT_FALSE(unnamed->setClassName(QelString(u"")));
@@ -191,34 +175,18 @@ TEST_F(ClassTest, BaseChainNamesAndSubtypes) {
   EXPECT_TRUE(d->isSubtypeOf(QelString(u"A")));
 }
 
-TEST_F(ClassTest, ObjectsHoldTheirClassAndShareMembers) {
+TEST_F(ClassTest, ObjectsHoldTheirClass) {
   QelClass* point = make(u"Point");
   point->addDataMember(u"x");
-  point->addDataMember(u"y");
   point->fixupDataDefs();
-  bool dead = false;
   {
-    auto* o = new QelObject(point);
-    QelValue ov(o, false);
-    EXPECT_EQ(o->getMemberData()->size(), 3u);
-    EXPECT_EQ(o->getClass(), point);
+    QelValue ov(new QelObject(point), false);
+    QelObject* o = ov;
+    EXPECT_EQ(o->getMemberData()->size(), 2u);
     EXPECT_EQ((*o->getMemberData())[0].getType(), QVT_CLASS);
     EXPECT_EQ(point->getRefCnt(), 2);
-    (*o->getMemberData())[1] = QelValue(new ProbeString(u"shared", &dead), false);
-
-    auto* copy = new QelObject(*o);
-    QelValue cv(copy, false);
-    EXPECT_NE(copy->getMemberData(), o->getMemberData());
-    EXPECT_EQ(static_cast<QelString*>((*copy->getMemberData())[1]),
-              static_cast<QelString*>((*o->getMemberData())[1]));
-    EXPECT_EQ(point->getRefCnt(), 3);
   }
-  EXPECT_TRUE(dead);
   EXPECT_EQ(point->getRefCnt(), 1);
-
-  QelObject bare(nullptr);
-  EXPECT_EQ(bare.getClass(), nullptr);
-  EXPECT_EQ(bare.getMemberData(), nullptr);
 
   // A class clears the owner of its dictionaries when it dies.
   auto* lone = new QelClass(vm);

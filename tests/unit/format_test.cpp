@@ -10,6 +10,7 @@
 #include <string>
 
 #include "platform/format.h"
+#include "probes.h"
 #include "qel/platform.h"
 #include "qel/string.h"
 
@@ -62,8 +63,6 @@ int ToFile(FILE* fp, const QelChar* fmt, ...) {
   return n;
 }
 
-std::u16string widen(const std::string& ascii) { return std::u16string(ascii.begin(), ascii.end()); }
-
 // What the C library prints for one floating conversion.
 std::string libcA(const char* fmt, double v) {
   char buf[2048];
@@ -71,14 +70,6 @@ std::string libcA(const char* fmt, double v) {
   return buf;
 }
 std::u16string libc(const char* fmt, double v) { return widen(libcA(fmt, v)); }
-
-std::string readAll(FILE* fp) {
-  rewind(fp);
-  std::string bytes;
-  int c;
-  while ((c = fgetc(fp)) != EOF) bytes += static_cast<char>(c);
-  return bytes;
-}
 
 }  // namespace
 

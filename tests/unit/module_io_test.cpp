@@ -8,6 +8,7 @@
 #include <string>
 
 #include "assembler.h"
+#include "probes.h"
 #include "qel/dictionary_io.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -51,9 +52,8 @@ void writeFile(const std::string& path, const std::string& bytes) {
 }
 
 std::string readFile(const std::string& path) {
-  std::string bytes;
   FILE* fp = fopen(path.c_str(), "rb");
-  for (int c; fp && (c = getc(fp)) != EOF;) bytes += static_cast<char>(c);
+  std::string bytes = fp ? readAll(fp) : "";
   if (fp) fclose(fp);
   return bytes;
 }
@@ -61,9 +61,7 @@ std::string readFile(const std::string& path) {
 std::string written(QelVirtualMachine& vm, QelValue v) {
   FILE* fp = tmpfile();
   EXPECT_TRUE(QelDictionaryIO(vm).writeSingleValue(fp, v));
-  rewind(fp);
-  std::string bytes;
-  for (int c; (c = getc(fp)) != EOF;) bytes += static_cast<char>(c);
+  std::string bytes = readAll(fp);
   fclose(fp);
   return bytes;
 }

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <string>
 
+#include "probes.h"
 #include "qel/platform.h"
 
 namespace {
@@ -22,7 +23,6 @@ struct SavedEnv {
   std::string value;
 };
 
-std::u16string widen(const std::string& ascii) { return std::u16string(ascii.begin(), ascii.end()); }
 std::u16string textOf(const QelChar* text) { return text ? std::u16string(text) : u"<null>"; }
 
 }  // namespace
@@ -160,23 +160,16 @@ TEST_F(PlatformTime, ClocksZonesAndRange) {
   EXPECT_EQ(localtime(static_cast<const uint32_t*>(nullptr)), nullptr);
 }
 
+// builtins_system.qel hands library, procedure and "addr" handles around and frees a
+// library twice; here: unknown numbers and the reuse of released ones.
 TEST(PlatformHandles, AddressesAndHandles) {
   int a = 0, b = 0, c = 0;
   int32_t ha = qelHandleFor(&a), hb = qelHandleFor(&b);
-  EXPECT_GT(ha, 0);
-  EXPECT_GT(hb, 0);
-  EXPECT_NE(ha, hb);
-  EXPECT_EQ(qelHandleFor(&a), ha);
-  EXPECT_EQ(qelAddressOf(ha), &a);
-  EXPECT_EQ(qelAddressOf(hb), &b);
   EXPECT_EQ(qelHandleFor(nullptr), 0);
   EXPECT_EQ(qelAddressOf(0), nullptr);
   EXPECT_EQ(qelAddressOf(INT32_MAX), nullptr);
-
   qelReleaseHandle(ha);
-  qelReleaseHandle(ha);  // twice: no effect
   EXPECT_EQ(qelAddressOf(ha), nullptr);
-  EXPECT_EQ(qelAddressOf(hb), &b);
   // Released numbers may serve again, never for two live addresses at once.
   int32_t hc = qelHandleFor(&c), ha2 = qelHandleFor(&a);
   EXPECT_NE(hc, hb);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "probes.h"
 #include "qel/vm.h"
 
 namespace {
@@ -14,13 +15,6 @@ int g_calls = 0;
 void collect(const char* text) {
   g_received += text;
   ++g_calls;
-}
-
-std::string readAll(FILE* fp) {
-  rewind(fp);
-  std::string out;
-  for (int c; (c = fgetc(fp)) != EOF;) out += static_cast<char>(c);
-  return out;
 }
 
 }  // namespace
