@@ -100,7 +100,6 @@ TEST_F(Debugger, ListingOfNonProcedures) {
   EXPECT_EQ(listing(two), "");  // a code buffer without data
 
   EXPECT_EQ(utf8(dbg.getOpCodeName(OP_RDWORD)), "OP_RDWORD");
-  EXPECT_EQ(utf8(dbg.getOpCodeName(OP_TRSTEP)), "OP_TRSTEP");
   EXPECT_EQ(utf8(dbg.getOpCodeName(static_cast<QelOpCode>(0x30))), "<unknown>");
 }
 

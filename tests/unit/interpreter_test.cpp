@@ -14,17 +14,9 @@ using namespace qeltest;
 
 namespace {
 
-std::string g_log;
 unsigned int g_size;
 bool g_trace;
 
-// Logs its arguments; the result is nil.
-bool note(QelVirtualMachine*, int nargs, ValPtr& args) {
-  for (int k = 1; k <= nargs; ++k) g_log += show(args.at(k - nargs)) + ";";
-  args -= nargs;
-  args->dispose();
-  return true;
-}
 // Leaves SP on its call slot, holding 77.
 bool inPlace(QelVirtualMachine*, int nargs, ValPtr& args) {
   args -= nargs;
@@ -48,13 +40,9 @@ bool probe(QelVirtualMachine* vm, int nargs, ValPtr& args) {
 
 // Pushes a new object of the class.
 void newObject(Asm& a, QelClass* cls) { a.push(QelValue(cls, false)).op(OP_NEW); }
-// Pushes a call of note with one integer argument.
-void callNote(Asm& a, int32_t arg) { a.push(QelValue(note)).push(arg).op(OP_CALL, 1); }
 
 class Interp : public ::testing::Test {
  protected:
-  void SetUp() override { g_log.clear(); }
-
   // Builds procedure "t" (the body, then OP_RETURN unless `ret` is false), installs and
   // runs it: "error:<errors>" or the result shown.
   std::string exec(const std::function<void(Asm&)>& body, int argc = 0, const QelChar** argv = nullptr,
@@ -178,26 +166,14 @@ TEST_F(Interp, IndexedReadAndWrite) {
   EXPECT_EQ(vset(1, 0, 1), kTypeError + "QVT_INTEGER expected\n");
 }
 
-TEST_F(Interp, MakeReferenceAndDelete) {
+// OP_DELETE through references, with and without an owner, runs in constructors.qel
+// and references.qel.
+TEST_F(Interp, MakeReference) {
   QelVector* vec = new QelVector();
   QelValue keep(vec, false, false);
   EXPECT_EQ(unary(OP_MKREF, keep), "type:QVT_VECTORREF");
   EXPECT_EQ(vec->getRefCnt(), 2);  // the literal and this test: the stack copy gave up its count
   EXPECT_EQ(unary(OP_MKREF, 3), "int:3");
-
-  QelClass* k = makeClass(vm, u"K");
-  method(k, u"dtor", [](Asm& m) { callNote(m, 9); });
-  // An unowned object with no count left is destroyed, its destructor run.
-  EXPECT_EQ(exec([&](Asm& a) { newObject(a, k), a.op(OP_MKREF).op(OP_DELETE); }), "nil");
-  EXPECT_EQ(g_log, "int:9;");
-  // One that still has an owner survives OP_DELETE and dies with its owner.
-  g_log.clear();
-  EXPECT_EQ(exec([&](Asm& a) {
-              newObject(a, k), a.op(OP_DUP).op(OP_MKREF).op(OP_DELETE).op(OP_POP);
-              callNote(a, 1), a.op(OP_POP).op(OP_NIL);
-            }),
-            "nil");
-  EXPECT_EQ(g_log, "int:1;int:9;");
 }
 
 TEST_F(Interp, OperandWidthsAndBranches) {
