@@ -1,7 +1,7 @@
-// Strings (editing, comparison, UTF-8, both formatters), byte and character buffers.
+// Strings (empty storage, UTF-8, both formatters), byte and character buffers. The
+// editing operations are what the string built-ins call: builtins_strings.qel runs them.
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <string>
 
 #include "qel/buffer.h"
@@ -10,14 +10,6 @@
 namespace {
 
 std::u16string text(const QelString& s) { return s.c_str(); }
-
-// Runs the script formatter over the given values.
-std::u16string scriptFormat(const QelChar* format, std::initializer_list<QelValue> values) {
-  QelVector args;
-  for (const QelValue& v : values) args.push_back(v);
-  ValPtr cursor(&args, 0);
-  return text(QelString(format, args.size(), cursor));
-}
 
 }  // namespace
 
@@ -42,33 +34,6 @@ TEST(StringBasics, EmptyStringsAndCopies) {
   s.clear();
   s = none;
   EXPECT_EQ(s.c_str(), emptyText);
-}
-
-// The string built-ins call these directly, and builtins_strings.qel covers the usual
-// cases; these are the boundaries it does not reach.
-TEST(StringEditing, Boundaries) {
-  QelString hello(u"hello");
-  EXPECT_EQ(QelString().find(QelString(), 0), -1);
-  QelString s(u"hello");
-  s.erase(1, 0);
-  EXPECT_EQ(text(s), u"hello");
-  s.erase(0, 5);
-  EXPECT_EQ(s.c_str(), QelString().c_str());  // nothing left: null storage
-
-  s = hello;
-  s.insert(6, u'!', 1);  // past the length: nothing
-  EXPECT_EQ(text(s), u"hello");
-  QelString self(u"ab");
-  self.insert(1, self);
-  EXPECT_EQ(text(self), u"aabb");
-  // The repeated-character form keeps the first length-count+1 characters in place.
-  QelString b(u"abc"), d(u"abc");
-  EXPECT_EQ(text(b.insert(1, u'X', 1)), u"abcX");
-  EXPECT_EQ(text(d.insert(0, u'X', 4)), u"XXXXabc");
-
-  // Ordinal order of code units: a surrogate pair sorts below U+FF00.
-  EXPECT_GT(QelString(u"\u00e9").compare(QelString(u"z")), 0);
-  EXPECT_LT(QelString(u"\U0001F600").compare(QelString(u"\uFF00")), 0);
 }
 
 TEST(StringUtf8, RoundTripsAndInvalidBytes) {
@@ -104,31 +69,13 @@ TEST(StringFormat, EngineFormatter) {
   EXPECT_EQ(QelString::format(nullptr).length(), 0u);
 }
 
-TEST(StringFormat, ScriptFormatter) {
-  EXPECT_EQ(scriptFormat(u"x=%d", {}), u"");
-  // A space is a flag and 'o' a conversion letter ("% o" then "ff"); the space flag
-  // only marks signed conversions, so no blank appears before the octal digits.
-  EXPECT_EQ(scriptFormat(u"50%% off", {QelValue(int32_t(3))}), u"503ff");
-  EXPECT_EQ(scriptFormat(u"50%% dff", {QelValue(int32_t(3))}), u"50 3ff");
-  EXPECT_EQ(scriptFormat(u"d%d", {QelValue(int32_t(7))}), u"d7");  // the first token is literal
-  EXPECT_EQ(scriptFormat(u"[%5d][%-4d][%05.1f]", {QelValue(int32_t(3)), QelValue(int32_t(4)), QelValue(2.75)}),
-            u"[    3][4   ][002.8]");
-  EXPECT_EQ(scriptFormat(u"%x %X %ld %c", {QelValue(int32_t(255)), QelValue(int32_t(255)), QelValue(int32_t(-5)),
-                                           QelValue(int32_t(65))}),
-            u"ff FF -5 A");
-  EXPECT_EQ(scriptFormat(u"%.3f/%g", {QelValue(1.5f), QelValue(int32_t(2))}), u"1.500/2");
-  // Values of another type are converted: a number for %d, the text for %s.
-  EXPECT_EQ(scriptFormat(u"%d %s %s", {QelValue(2.9f), QelValue(int32_t(42)), QelValue(new QelString(u"y"), false)}),
-            u"2 42 y");
-  EXPECT_EQ(scriptFormat(u"%q%%d", {QelValue(int32_t(1))}), u"q1");  // unknown letter: token kept
-  // Out of values, the rest is dropped.
-  const QelValue one(int32_t(1)), two(int32_t(2));
-  EXPECT_EQ(scriptFormat(u"%d-%d-%d", {one, two}), u"1-2-");
-  EXPECT_EQ(scriptFormat(u"100%%", {one}), u"100");
+// builtins_containers.qel runs the script formatter through "newstring"; a format
+// without values and a null format cannot come from a script.
+TEST(StringFormat, ScriptFormatterWithoutValues) {
   QelVector args;
-  args.push_back(one);
+  args.push_back(QelValue(int32_t(1)));
   ValPtr cursor(&args, 0);
-  EXPECT_EQ(QelString(u"none %d", 0, cursor).length(), 0u);
+  EXPECT_EQ(QelString(u"x=%d", 0, cursor).length(), 0u);
   EXPECT_EQ(QelString(nullptr, 1, cursor).length(), 0u);
 }
 
