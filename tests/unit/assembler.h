@@ -61,7 +61,6 @@ class Asm {
 
   uint32_t pc() const { return static_cast<uint32_t>(code_.size()); }
   const std::vector<uint8_t>& code() const { return code_; }
-  const QelChar* name() const { return name_.c_str(); }
 
   // A new, uncounted procedure vector (labels resolved).
   QelVector* finish();

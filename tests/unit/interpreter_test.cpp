@@ -1,5 +1,5 @@
 // The interpreter on hand-built code, for what the script tests cannot reach: operand
-// types a script cannot make, native calls, references and deletion, operand widths,
+// types a script cannot make, the type errors' wording, native calls, operand widths,
 // broken function members, tracing switches and the safety limits.
 #include <gtest/gtest.h>
 
@@ -80,13 +80,10 @@ const std::string kIntMin = "int:" + std::to_string(INT32_MIN);
 
 }  // namespace
 
-// The operators over the type combinations the script tests cannot show: result types,
-// double operands, references, null strings, and every type error's wording.
-TEST_F(Interp, ArithmeticTypeTable) {
-  EXPECT_EQ(calc(OP_ADD, 1, 0.5f), "flt:1.5");
-  EXPECT_EQ(calc(OP_ADD, 1, 0.25), "dbl:1.25");
-  EXPECT_EQ(calc(OP_ADD, 0.5f, 0.25), "dbl:0.75");
-  EXPECT_EQ(calc(OP_ADD, 0x10041, str(u"bc")), "str:Abc");  // the low 16 bits
+// arithmetic.qel shows the result types, the wrapping ends and the mixed comparisons;
+// here: what a script cannot make (string references, null strings, a double divisor
+// whose low half is zero) and which type each type error names.
+TEST_F(Interp, OperatorTypeTable) {
   // The message names the actual type; "&s" stays as written.
   EXPECT_EQ(calc(OP_ADD, 1.5f, str(u"ab")), kTypeError + "QVT_STRING expected\n");
   EXPECT_EQ(calc(OP_ADD, QelValue(), 1), kTypeError + "QVT_NULL expected\n");
@@ -95,36 +92,20 @@ TEST_F(Interp, ArithmeticTypeTable) {
   QelValue nullString(static_cast<QelString*>(nullptr), false);
   EXPECT_EQ(calc(OP_ADD, nullString, 1), "error:left string operand is NULL\n");
   EXPECT_EQ(calc(OP_ADD, 1, nullString), "error:right string operand is NULL\n");
-
-  EXPECT_EQ(calc(OP_MUL, 1.5f, 2), "flt:3");
   EXPECT_EQ(calc(OP_SUB, QelValue(), 1), kTypeError + "QVT_NULL expected\n");
   EXPECT_EQ(calc(OP_MUL, 1, str(u"a")), kTypeError + "QVT_STRING expected\n");
-  EXPECT_EQ(calc(OP_DIV, 7.0, 2), "dbl:3.5");
   EXPECT_EQ(calc(OP_DIV, 1.0, 2.0), "error:divide 0 error\n");  // the low half of 2.0 is zero
-  EXPECT_EQ(calc(OP_DIV, INT32_MIN, -1), kIntMin);
-  EXPECT_EQ(calc(OP_REM, INT32_MIN, -1), "int:0");
-  EXPECT_EQ(calc(OP_REM, 7.5, 2), "dbl:1.5");
-
   EXPECT_EQ(calc(OP_BAND, 1.5f, 1), kTypeError + "QVT_FLOAT expected\n");
   EXPECT_EQ(calc(OP_SHL, 1, 1.0), kTypeError + "QVT_DOUBLE expected\n");
   EXPECT_EQ(unary(OP_BNOT, 5.0f), kTypeError + "QVT_FLOAT expected\n");
-  EXPECT_EQ(unary(OP_NEG, INT32_MIN), kIntMin);
-  EXPECT_EQ(unary(OP_NEG, 2.5), "dbl:-2.5");
   EXPECT_EQ(unary(OP_NEG, str(u"a")), kTypeError + "QVT_STRING expected\n");
-  EXPECT_EQ(unary(OP_INC, INT32_MAX), kIntMin);
-  EXPECT_EQ(unary(OP_DEC, 1.5), "dbl:0.5");
   EXPECT_EQ(unary(OP_DEC, QelValue()), kTypeError + "QVT_NULL expected\n");
-}
 
-TEST_F(Interp, Comparisons) {
   EXPECT_EQ(calc(OP_LT, 1, str(u"a")), kTypeError + "QVT_STRING expected\n");
   EXPECT_EQ(calc(OP_LT, 1.5f, QelValue()), kTypeError + "QVT_NULL expected\n");
-  EXPECT_EQ(calc(OP_EQ, QelValue(), QelValue()), "int:1");
-  EXPECT_EQ(calc(OP_LT, QelValue(), str(u"a")), "int:1");
   EXPECT_EQ(calc(OP_LT, QelValue(), 1), kTypeError + "QVT_INTEGER expected\n");
-  EXPECT_EQ(calc(OP_EQ, QelValue(new QelVector(), false, false), QelValue()), "int:0");
   // Owned strings compare as text; a string reference only by identity.
-  QelValue owned = str(u"a"), other = str(u"a");
+  QelValue other = str(u"x");
   QelValue ref(static_cast<QelString*>(owned), true), otherRef(static_cast<QelString*>(other), true);
   EXPECT_EQ(calc(OP_EQ, owned, ref), kTypeError + "QVT_STRINGREF expected\n");
   EXPECT_EQ(calc(OP_EQ, ref, owned), kTypeError + "QVT_STRINGREF expected\n");
@@ -136,38 +117,20 @@ TEST_F(Interp, Comparisons) {
   EXPECT_EQ(calc(OP_GT, a1, a2), v1 > v2 ? "int:1" : "int:0");
 }
 
+// builtins_containers.qel reads and stores elements of every container; here: the
+// bounds and the type errors.
 TEST_F(Interp, IndexedReadAndWrite) {
   QelVector* vec = new QelVector();
   for (int i = 0; i < 3; ++i) vec->push_back(QelValue(10 + i));
-  QelBuffer* buf = new QelBuffer();
-  const unsigned char bytes[] = {1, 2, 200};
-  buf->append(bytes, 3);
-  QelCharBuffer* cbuf = new QelCharBuffer();
-  cbuf->append(u"xyz", 3);
-  QelDictionary* dict = new QelDictionary();
-  QelValue v(vec, false, false), b(buf, false), cb(cbuf, false), d(dict, false), s = str(u"abc");
-
-  EXPECT_EQ(calc(OP_VREF, b, 2), "int:200");
-  EXPECT_EQ(calc(OP_VREF, cb, 1), "int:121");
+  QelValue v(vec, false, false), d(new QelDictionary(), false), s = str(u"abc");
   EXPECT_EQ(calc(OP_VREF, v, 3), "error:subscript out of range\n");
   EXPECT_EQ(calc(OP_VREF, s, -1), "error:subscript out of range\n");
   EXPECT_EQ(calc(OP_VREF, v, str(u"a")), kTypeError + "QVT_STRING expected\n");
   EXPECT_EQ(calc(OP_VREF, 5, 0), kTypeError + "QVT_INTEGER expected\n");
-  EXPECT_EQ(calc(OP_VREF, d, str(u"k")), "nil");  // a missing key reads nil and is created
-  EXPECT_NE(dict->find(u"k"), nullptr);
   EXPECT_EQ(calc(OP_VREF, d, 1), kTypeError + "QVT_INTEGER expected\n");
-
-  EXPECT_EQ(vset(b, 0, 300), "int:44");  // low 8 bits
-  EXPECT_EQ((*buf)[0], 44);
-  EXPECT_EQ(vset(cb, 0, 0x10041), "int:65");  // low 16 bits
-  EXPECT_EQ((*cbuf)[0], u'A');
-  EXPECT_EQ(vset(d, str(u"n"), 5), "int:5");
-  EXPECT_EQ(show(dict->find(u"n")->getValue()), "int:5");
   EXPECT_EQ(vset(1, 0, 1), kTypeError + "QVT_INTEGER expected\n");
 }
 
-// OP_DELETE through references, with and without an owner, runs in constructors.qel
-// and references.qel.
 TEST_F(Interp, MakeReference) {
   QelVector* vec = new QelVector();
   QelValue keep(vec, false, false);

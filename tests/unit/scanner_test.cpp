@@ -54,9 +54,7 @@ std::string scan(const QelChar* text) {
 // literals.qel runs the usual literals, escapes and comments through the whole engine;
 // these are the token streams a script's output cannot show.
 TEST(ScannerTokens, KeywordsIdentifiersAndOperators) {
-  // "nil" and "null" are one token; keywords are case-sensitive.
-  EXPECT_EQ(scan(u"nil null Null TRON TROFF TRSTEP tron"),
-            "null null <ident>:Null TRON TROFF TRSTEP <ident>:tron");
+  EXPECT_EQ(scan(u"TRON TROFF TRSTEP tron"), "TRON TROFF TRSTEP <ident>:tron");  // case-sensitive
   EXPECT_EQ(scan(u"_a1 classy x_y9 \u00e9t\u00e9 \u03b1\u03b2"),
             "<ident>:_a1 <ident>:classy <ident>:x_y9 <ident>:\u00e9t\u00e9 <ident>:\u03b1\u03b2");
   EXPECT_TRUE(QelScanner::isIdChar(u'_'));
@@ -65,7 +63,6 @@ TEST(ScannerTokens, KeywordsIdentifiersAndOperators) {
   EXPECT_EQ(scan(u"$x"), "'$' <ident>:x");
   EXPECT_EQ(scan(u"a<<=b"), "<ident>:a <<= <ident>:b");
   EXPECT_EQ(scan(u"a< <b"), "<ident>:a '<' '<' <ident>:b");
-  EXPECT_EQ(scan(u"a<<b>>c>>=d"), "<ident>:a << <ident>:b >> <ident>:c >>= <ident>:d");
   EXPECT_EQ(scan(u"+++-->"), "++ '+' -- '>'");  // longest match from the left
   QelScanner s(u"x", u"t");
   EXPECT_STREQ(utf8(s.getTokenName(QT_NULL)).c_str(), "null");
@@ -73,11 +70,9 @@ TEST(ScannerTokens, KeywordsIdentifiersAndOperators) {
 }
 
 TEST(ScannerTokens, Comments) {
-  EXPECT_EQ(scan(u"#include \"f\""), "'#' <ident>:include <string>:f");
   EXPECT_EQ(scan(u"a /**/ b /*** c **/ d"), "<ident>:a <ident>:b <ident>:d");
   EXPECT_EQ(scan(u"a /* /* b */ c */"), "<ident>:a <ident>:c '*' '/'");  // no nesting
   EXPECT_EQ(scan(u"a /* open to the end"), "<ident>:a");
-  EXPECT_EQ(scan(u"a // end"), "<ident>:a");
   EXPECT_EQ(scan(u"#"), "'#'");
 }
 
