@@ -84,11 +84,6 @@ const QelValue& symbol(QelVirtualMachine& vm, const QelChar* name) {
   return e ? e->getValue() : none;
 }
 
-QelClass* classOf(QelVirtualMachine& vm, const QelChar* name) {
-  QelDictionaryEntry* e = vm.classes().find(name);
-  return e ? static_cast<QelClass*>(e->getValue()) : nullptr;
-}
-
 class ModuleIO : public ::testing::Test {
  protected:
   void TearDown() override { remove(path.c_str()); }
@@ -167,9 +162,10 @@ TEST_F(ModuleIO, BaseRegisteredLaterReadsWithoutBase) {
   ASSERT_TRUE(vm.writeModule(file().c_str()));
   QelVirtualMachine fresh;
   ASSERT_TRUE(fresh.readModule(file().c_str()));
-  ASSERT_TRUE(classOf(fresh, u"B"));
-  EXPECT_EQ(classOf(fresh, u"B")->getBaseClass(), nullptr);
-  EXPECT_EQ(classOf(fresh, u"B")->getDataSize(), 2);
+  ASSERT_TRUE(fresh.classes().find(u"B"));
+  QelClass* b = fresh.classes().find(u"B")->getValue();
+  EXPECT_EQ(b->getBaseClass(), nullptr);
+  EXPECT_EQ(b->getDataSize(), 2);
 }
 
 TEST_F(ModuleIO, CutFileKeepsWhatCameBefore) {
