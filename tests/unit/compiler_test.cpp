@@ -47,8 +47,8 @@ TEST(CompilerCode, MethodNamesAndVariablesArePooled) {
   QelVector* proc = procedure(vm, u"p");
   int strings = 0, vars = 0;
   for (unsigned i = 3; i < proc->size(); ++i) {
-    if ((*proc)[i].getType() == QVT_STRING) ++strings;
-    if ((*proc)[i].getType() == QVT_VAR) ++vars;
+    strings += (*proc)[i].getType() == QVT_STRING;
+    vars += (*proc)[i].getType() == QVT_VAR;
   }
   EXPECT_EQ(strings, 3);  // "m" once, each string literal anew
   EXPECT_EQ(vars, 1);

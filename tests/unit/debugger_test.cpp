@@ -141,7 +141,6 @@ TEST_F(Debugger, PrintValueForms) {
   QelValue obj(new QelObject(cls), false);
   EXPECT_EQ(value(QelValue(cls, true), false), "QVT_CLASSREF <p> (#2) (Cls) ");
   EXPECT_EQ(value(obj, false), "QVT_OBJECT <p> (#1) (class Cls) ");
-  EXPECT_EQ(value(obj, true), "QVT_OBJECT <p> ");
 
   QelDictionaryEntry& g = vm.symbols()[QelString(u"g")];
   g.setValue(QelValue(3));

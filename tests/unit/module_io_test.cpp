@@ -148,7 +148,6 @@ TEST_F(ModuleIO, ModuleComesBackInAFreshMachine) {
   QelVirtualMachine fresh;
   ASSERT_TRUE(fresh.readModule(file().c_str()));
   // The native module is loaded again; the streams stay the machine's own.
-  EXPECT_TRUE(fresh.modules().find(QelString(native.c_str())));
   EXPECT_EQ(symbol(fresh, u"moduleLoads").getType(), QVT_CODE);
   EXPECT_EQ(static_cast<void*>(symbol(fresh, u"stdout")), static_cast<void*>(stdout));
   // Dictionaries keep their order (the classes are used by cli/modules.sh and use.qel).

@@ -18,7 +18,6 @@ TEST(StringBasics, EmptyStringsAndCopies) {
   const QelChar* emptyText = none.c_str();
   ASSERT_NE(emptyText, nullptr);
   EXPECT_EQ(fromNull.c_str(), emptyText);  // null storage reads as ""
-  EXPECT_STREQ(none.a_str(), "");
   QelString copy(none), sum = none + none;
   EXPECT_EQ(copy.c_str(), emptyText);
   EXPECT_EQ(sum.length(), 0u);
@@ -40,7 +39,6 @@ TEST(StringUtf8, RoundTripsAndInvalidBytes) {
   const char* utf8 = "h\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";  // h, e-acute, euro, emoji
   QelString s(utf8);
   EXPECT_EQ(text(s), u"h\u00e9\u20ac\U0001F600");
-  EXPECT_EQ(s.length(), 5u);
   EXPECT_STREQ(s.a_str(), utf8);
 
   EXPECT_EQ(text(QelString("a\xFF" "b")), u"a\uFFFD" u"b");
