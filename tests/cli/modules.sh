@@ -61,8 +61,9 @@ check "unwritable output status" 73 $?
 grep -q "cannot write" "$work/err" || { echo "FAIL unwritable output message"; failed=1; }
 
 # fwriteval in one run, freadval in the next: through a pipe as through a file.
-piped=$("$qel" -e writeValues "$scripts/values.qel" | "$qel" -e readValues "$scripts/values.qel")
-filed=$("$qel" -e readValues "$scripts/values.qel" < "$scripts/values.stdin")
+# (From the scripts' directory, where values.qel's #include is found.)
+piped=$(cd "$scripts" && "$qel" -e writeValues values.qel | "$qel" -e readValues values.qel)
+filed=$(cd "$scripts" && "$qel" -e readValues values.qel < values.stdin)
 check "values through a pipe" "$filed" "$piped"
 check "values read" "5 2.500000" "${piped%%$'\n'*}"
 

@@ -49,10 +49,8 @@ QelVector* Asm::installMethod() {
   return proc;
 }
 
-QelClass* makeClass(QelVirtualMachine& vm, const QelChar* name, QelClass* base,
-                    std::initializer_list<const QelChar*> members) {
+QelClass* makeClass(QelVirtualMachine& vm, const QelChar* name, QelClass* base) {
   QelClass* cls = new QelClass(vm, QelString(name), base);
-  for (const QelChar* m : members) cls->addDataMember(m);
   cls->fixupDataDefs();
   QelDictionaryEntry& e = vm.classes()[QelString(name)];
   e.setValue(QelValue(cls, false));

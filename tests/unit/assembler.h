@@ -29,10 +29,6 @@ class Asm {
     lits_.push_back(v);
     return static_cast<uint32_t>(lits_.size() + 2);
   }
-  // A literal that names the global variable `name` (created when missing).
-  uint32_t var(QelVirtualMachine& vm, const QelChar* name) {
-    return lit(QelValue(&vm.symbols()[QelString(name)]));
-  }
   // Pads the pool with nils so that the next literal gets index n.
   Asm& padTo(uint32_t n) {
     if (lits_.size() + 3 < n) lits_.resize(n - 3);
@@ -65,7 +61,6 @@ class Asm {
 
   uint32_t pc() const { return static_cast<uint32_t>(code_.size()); }
   const std::vector<uint8_t>& code() const { return code_; }
-  const QelChar* name() const { return name_.c_str(); }
 
   // A new, uncounted procedure vector (labels resolved).
   QelVector* finish();
@@ -83,9 +78,8 @@ class Asm {
   std::vector<std::pair<uint32_t, int>> fixups_;
 };
 
-// A script class registered in vm.classes(), optionally with data members.
-QelClass* makeClass(QelVirtualMachine& vm, const QelChar* name, QelClass* base = nullptr,
-                    std::initializer_list<const QelChar*> members = {});
+// A script class without data members, registered in vm.classes().
+QelClass* makeClass(QelVirtualMachine& vm, const QelChar* name, QelClass* base = nullptr);
 
 inline QelValue str(const QelChar* text) { return QelValue(new QelString(text), false); }
 inline QelValue procValue(QelVector* proc) { return QelValue(proc, true, false); }

@@ -1,6 +1,5 @@
 // Built-ins seen from the host: the system group without a run in progress, the
-// script's command arguments, buffers of sizes a script cannot make, compiling from
-// a stream, and the "?" of a procedure name.
+// script's command arguments after the marker, and the "?" of a procedure name.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -26,15 +25,6 @@ std::string run(QelVirtualMachine& vm, const QelChar* source) {
   std::string shown = "[";
   for (unsigned i = 0; i < v->size(); ++i) shown += (i ? " " : "") + show((*v)[i]);
   return shown + "]";
-}
-
-// A global variable holding a buffer of the given bytes.
-void defineBuffer(QelVirtualMachine& vm, const QelChar* name, std::vector<unsigned char> bytes) {
-  QelBuffer* b = new QelBuffer();
-  b->append(bytes.data(), static_cast<unsigned>(bytes.size()));
-  QelDictionaryEntry& e = vm.symbols()[QelString(name)];
-  e.setValue(QelValue(b));
-  e.setSymbolType(QST_STATIC_DATA);
 }
 
 std::string userArgs(std::vector<const QelChar*> argv) {
@@ -73,40 +63,6 @@ TEST(SystemBuiltins, UserArgumentsFollowTheMarker) {
   vm.cmdargc() = 3;
   vm.cmdargv() = argv.data();
   EXPECT_EQ(run(vm, u"f() { return getargs(); }"), "[str:s.qel str:a str:#b]");
-}
-
-TEST(ConversionBuiltins, BufferSizesDecide) {
-  QelVirtualMachine vm;
-  defineBuffer(vm, u"two", {0xFE, 0xFF});
-  defineBuffer(vm, u"three", {1, 2, 3});
-  defineBuffer(vm, u"floatBits", {0x00, 0x00, 0xC0, 0x3F});
-  EXPECT_EQ(run(vm, u"f() { return int(two); }"), "int:-2");
-  EXPECT_EQ(run(vm, u"f() { return int(three); }"), "error: invalid argument type\n");
-  EXPECT_EQ(run(vm, u"f() { return float(floatBits); }"), "flt:1.5");
-  EXPECT_EQ(run(vm, u"f() { return double(two); }"), "error: invalid argument type\n");
-  EXPECT_EQ(run(vm, u"f() { return buffer(three) == three; }"), "int:1");
-}
-
-TEST(CompileBuiltin, CompilesTheRestOfAStreamAndClosesIt) {
-  FILE* fp = tmpfile();
-  ASSERT_NE(fp, nullptr);
-  fputs("skipped\nfromFile() { return 21 * 2; }\n", fp);
-  rewind(fp);
-  char line[16];
-  ASSERT_NE(fgets(line, sizeof line, fp), nullptr);
-
-  QelStringPrinter out;
-  QelVirtualMachine vm(&out);
-  QelDictionaryEntry& e = vm.symbols()[QelString(u"src")];
-  e.setValue(QelValue(static_cast<void*>(fp)));
-  e.setSymbolType(QST_STATIC_DATA);
-  EXPECT_EQ(run(vm, u"f() { return compile(src, \"stream\") * 100 + fromFile(); }"), "int:142");
-  // The compiler closed the stream: the script's file is refused from then on.
-  EXPECT_EQ(run(vm, u"f() { return fgets(src); }"), "error: invalid argument type\n");
-
-  // Errors are the compiler's report, under the given source name; the result is 0.
-  EXPECT_EQ(run(vm, u"f() { return compile(\"g( {\", \"snippet\"); }"), "int:0");
-  EXPECT_NE(utf8(out.c_str()).find("in snippet line 1"), std::string::npos) << utf8(out.c_str());
 }
 
 TEST(NativeLibraryBuiltins, QuestionMarkStandsForW) {

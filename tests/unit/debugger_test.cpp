@@ -54,45 +54,23 @@ class Debugger : public ::testing::Test {
 
 }  // namespace
 
+// The listing of compiled scripts (compiled_code.out) shows most operand forms; these
+// are the ones no compiled script has: a call's count, a wide operand between its width
+// opcodes, an unknown byte and an operand cut off by the end of the code.
 TEST_F(Debugger, ListingLayoutAndOperands) {
-  Asm a(u"f");
-  int target = a.newLabel();
-  a.op(OP_TSPACE, 1).op(OP_PUSH).op(OP_LIT, a.lit(5)).br(OP_BRF, target).op(OP_AREF, 0).op(OP_CALL, 1);
-  a.op(OP_SEND, 2).op(OP_REF, a.lit(QelValue())).op(OP_MREF, 1).op(OP_TREF, 0).bind(target).op(OP_RETURN);
-  a.raw({0x77});
+  Asm a(u"f", makeClass(vm, u"Cls"));
+  a.padTo(300);
+  a.op(OP_CALL, 1).op(OP_LIT, a.lit(1)).op(OP_RETURN).raw({0x77, OP_LIT});
   QelValue proc = procValue(a.finish());
   EXPECT_EQ(listing(proc),
-            "::f (24 bytes)\n"
-            "0000: 28 OP_TSPACE 1 \n"
-            "0002: 05   OP_PUSH \n"
-            "0003: 1b    OP_LIT lit[3] \n"
-            "0005: 02    OP_BRF 0016 \n"
-            "000a: 24   OP_AREF arg[0] \n"
-            "000c: 1d   OP_CALL (1 arguments) \n"
-            "000e: 29   OP_SEND (2 arguments) \n"
-            "0010: 1e    OP_REF var[4] \n"
-            "0012: 22   OP_MREF member[1] \n"
-            "0014: 26   OP_TREF tmp[0] \n"
-            "0016: 1c OP_RETURN \n"
-            "0017: 77 <unknown> \n");
-
-  // A wide operand between its width opcodes, read with the listing's current width.
-  Asm w(u"w");
-  w.padTo(300);
-  w.op(OP_LIT, w.lit(1)).op(OP_RETURN);
-  proc = procValue(w.finish());
-  EXPECT_EQ(listing(proc),
-            "::w (6 bytes)\n"
-            "0000: f1  OP_RWORD \n"
-            "0001: 1b    OP_LIT lit[300] \n"
-            "0004: f0  OP_RBYTE \n"
-            "0005: 1c OP_RETURN \n");
-
-  QelClass* cls = makeClass(vm, u"Cls");
-  Asm m(u"m", cls);
-  m.op(OP_LIT);  // an operand cut off by the end of the code
-  proc = procValue(m.finish());
-  EXPECT_EQ(listing(proc), "Cls::m (1 bytes)\n0000: 1b    OP_LIT \n");
+            "Cls::f (10 bytes)\n"
+            "0000: 1d   OP_CALL (1 arguments) \n"
+            "0002: f1  OP_RWORD \n"
+            "0003: 1b    OP_LIT lit[300] \n"
+            "0006: f0  OP_RBYTE \n"
+            "0007: 1c OP_RETURN \n"
+            "0008: 77 <unknown> \n"
+            "0009: 1b    OP_LIT \n");
 }
 
 TEST_F(Debugger, ListingOfNonProcedures) {
@@ -110,8 +88,6 @@ TEST_F(Debugger, ListingOfNonProcedures) {
   EXPECT_EQ(listing(two), "");  // a code buffer without data
 
   EXPECT_EQ(utf8(dbg.getOpCodeName(OP_RDWORD)), "OP_RDWORD");
-  EXPECT_EQ(utf8(dbg.getOpCodeName(OP_TRSTEP)), "OP_TRSTEP");
-  EXPECT_EQ(utf8(dbg.getOpCodeName(static_cast<QelOpCode>(0x30))), "<unknown>");
 }
 
 TEST_F(Debugger, TraceLabels) {
@@ -165,7 +141,6 @@ TEST_F(Debugger, PrintValueForms) {
   QelValue obj(new QelObject(cls), false);
   EXPECT_EQ(value(QelValue(cls, true), false), "QVT_CLASSREF <p> (#2) (Cls) ");
   EXPECT_EQ(value(obj, false), "QVT_OBJECT <p> (#1) (class Cls) ");
-  EXPECT_EQ(value(obj, true), "QVT_OBJECT <p> ");
 
   QelDictionaryEntry& g = vm.symbols()[QelString(u"g")];
   g.setValue(QelValue(3));

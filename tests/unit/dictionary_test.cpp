@@ -28,28 +28,19 @@ QelDictionary& fill(QelDictionary& d, std::initializer_list<const QelChar*> name
 
 }  // namespace
 
-TEST(DictionaryOrder, UnsortedKeepsInsertionSortedKeepsOrder) {
-  QelDictionary plain, sorted(true);
-  EXPECT_EQ(keys(fill(plain, {u"b", u"a", u"c"})), u"b,a,c");
+// builtins_containers.qel shows the key order of both kinds through the built-ins.
+TEST(DictionaryOrder, SortedIsOrdinalAndLookupIsExact) {
+  QelDictionary sorted(true);
   EXPECT_EQ(keys(fill(sorted, {u"b", u"a", u"c", u"B", u"ab"})), u"B,a,ab,b,c");
-  EXPECT_EQ(sorted.count(), 5u);
-
-  QelDictionary az(true);
-  fill(az, {u"z", u"a"});
-  EXPECT_EQ(az.find(QelString(u"x")), nullptr);
-  EXPECT_NE(az.find(QelString(u"z")), nullptr);
-  EXPECT_EQ(plain.find(u"c"), plain.getFirst()->getNext()->getNext());
-  EXPECT_EQ(plain.find(QelString(u"C")), nullptr);  // case-sensitive
+  EXPECT_EQ(sorted.find(QelString(u"aa")), nullptr);
+  EXPECT_NE(sorted.find(QelString(u"c")), nullptr);
+  EXPECT_EQ(sorted.find(QelString(u"C")), nullptr);  // case-sensitive
 }
 
 TEST(DictionaryLookup, SubscriptFindsOrCreates) {
   QelDictionary d;
   QelDictionaryEntry& a = d[QelString(u"a")];
-  EXPECT_EQ(a.getSymbolType(), QST_UNDEFINED);
-  EXPECT_TRUE(a.getValue().isNull());
-  EXPECT_EQ(a.getDictionary(), &d);
-  a = QelValue(int32_t(5));
-  EXPECT_EQ(&d[QelString(u"a")], &a);
+  EXPECT_EQ(&d[QelString(u"a")], &a);  // found, not made again
   EXPECT_EQ(d.count(), 1u);
   EXPECT_EQ(d[static_cast<QelString*>(nullptr)], nullptr);
 
@@ -72,10 +63,10 @@ TEST(DictionaryErase, AnyPositionAndForeignEntries) {
   fill(other, {u"a"});
   EXPECT_FALSE(d.erase(other.getFirst()));  // an entry of another dictionary
   EXPECT_FALSE(d.erase(static_cast<QelDictionaryEntry*>(nullptr)));
-  EXPECT_TRUE(d.erase(QelString(u"d")));  // beyond the second entry
-  EXPECT_EQ(keys(d), u"a,b,c,e");
+  EXPECT_TRUE(d.erase(QelString(u"b")));  // the second entry
+  EXPECT_TRUE(d.erase(QelString(u"d")));  // beyond it
+  EXPECT_EQ(keys(d), u"a,c,e");
   EXPECT_TRUE(d.erase(QelString(u"e")));  // the last
-  EXPECT_TRUE(d.erase(d.getFirst()));
   EXPECT_TRUE(d.erase(d.getFirst()));
   EXPECT_EQ(keys(d), u"c");
   EXPECT_EQ(keys(other), u"a");
@@ -89,7 +80,7 @@ TEST(DictionaryErase, AnyPositionAndForeignEntries) {
 }
 
 TEST(DictionaryEntry, AssignmentKeepsKeyInsideADictionary) {
-  bool keyDead = false, valueDead = false;
+  bool keyDead = false;
   auto* loose = new QelDictionaryEntry(new ProbeString(u"loose", &keyDead), QelValue(int32_t(7)), QST_DATA);
   QelDictionary d;
   QelDictionaryEntry& inside = d[QelString(u"k")];
@@ -99,19 +90,13 @@ TEST(DictionaryEntry, AssignmentKeepsKeyInsideADictionary) {
   EXPECT_EQ(static_cast<int32_t>(inside.getValue()), 7);
   EXPECT_EQ(loose->getKey()->getRefCnt(), 1);
 
-  inside.setValue(QelValue(new ProbeString(u"v", &valueDead), false));
   inside.setSymbolType(QST_STATIC_DATA);
   *loose = inside;  // a loose entry takes the key over
   EXPECT_TRUE(keyDead);
   EXPECT_EQ(loose->getKey(), inside.getKey());
   EXPECT_EQ(inside.getKey()->getRefCnt(), 2);
   EXPECT_EQ(loose->getSymbolType(), QST_STATIC_DATA);
-  QelDictionaryEntry copy(*loose);
-  EXPECT_EQ(copy.getDictionary(), nullptr);
-  EXPECT_EQ(inside.getKey()->getRefCnt(), 3);
   delete loose;
-  d.clear();
-  EXPECT_FALSE(valueDead);  // the copy still holds it
 }
 
 class ClassTest : public ::testing::Test {
@@ -126,20 +111,20 @@ class ClassTest : public ::testing::Test {
   QelVector held;
 };
 
+// classes.qel, static_members.qel and compile_classes.qel use these rules from scripts;
+// the indexes, the failures and the chain's corner cases are seen only here.
 TEST_F(ClassTest, MemberLayoutAndShadowing) {
   QelClass* root = make(u"Root");
   ASSERT_TRUE(root->addDataMember(u"x"));
   ASSERT_TRUE(root->addStaticDataMember(u"count", QelValue(int32_t(5))));
   ASSERT_TRUE(root->addDataMember(u"y"));
   ASSERT_TRUE(root->addMethod(u"m", &nativeNoop));
-  EXPECT_EQ(root->getDataSize(), -1);
   root->fixupDataDefs();
   EXPECT_EQ(root->getMemberIndex(QelString(u"x")), 1);
   EXPECT_EQ(root->getMemberIndex(QelString(u"y")), 2);
   EXPECT_EQ(root->getMemberIndex(QelString(u"count")), -1);
   EXPECT_EQ(root->getMemberIndex(QelString(u"m")), -1);
   EXPECT_EQ(root->getDataSize(), 2);
-  EXPECT_EQ(static_cast<int32_t>(root->findMember(QelString(u"count"), false)->getValue()), 5);
 
   QelClass* derived = make(u"Derived", root);
   ASSERT_TRUE(derived->addDataMember(u"z"));
@@ -149,46 +134,27 @@ TEST_F(ClassTest, MemberLayoutAndShadowing) {
   EXPECT_EQ(derived->getDataSize(), 3);
   EXPECT_EQ(derived->findMember(QelString(u"y"), false), nullptr);
   EXPECT_EQ(derived->findMember(QelString(u"y"), true)->getDictionary(), &root->dataMembers());
-  EXPECT_NE(derived->findFunction(QelString(u"m")), nullptr);
 
-  QelClass* shadow = make(u"Shadow", root);
   EXPECT_FALSE(root->addDataMember(u"m"));  // already a method of the same class
-  EXPECT_FALSE(root->addMethod(u"x", &nativeNoop));
   EXPECT_FALSE(root->addMethod(u"n", nullptr));
-  EXPECT_FALSE(root->addDataMember(u""));
-  ASSERT_TRUE(shadow->addDataMember(u"y"));  // exists only in the base
-  shadow->fixupDataDefs();
-  EXPECT_EQ(shadow->getMemberIndex(QelString(u"y")), 3);
-
-  ASSERT_TRUE(root->addStaticMethod(u"b", &nativeNoop));
-  ASSERT_TRUE(root->addMethod(u"a", &nativeNoop));
-  EXPECT_EQ(keys(root->funcMembers()), u"a,b,m");  // function members are sorted
-  EXPECT_EQ(keys(root->dataMembers()), u"x,count,y");
-  EXPECT_EQ(root->findMember(QelString(u"b"), false)->getSymbolType(), QST_STATIC_FUNCTION);
+  ASSERT_TRUE(derived->addDataMember(u"y"));  // exists only in the base
 }
 
 TEST_F(ClassTest, BaseChainNamesAndSubtypes) {
   QelClass* a = make(u"A");
-  QelClass* b = make(u"B");
-  QelClass* c = make(u"C");
-  EXPECT_TRUE(b->setBaseClass(nullptr));
-  EXPECT_TRUE(b->setBaseClass(a));
-  EXPECT_FALSE(b->setBaseClass(c));  // set once
+  QelClass* b = make(u"B", a);
+  EXPECT_FALSE(b->setBaseClass(make(u"C")));  // set once
   EXPECT_EQ(b->getBaseClass(), a);
   EXPECT_FALSE(a->setBaseClass(b));  // would close a loop
-  EXPECT_FALSE(c->setBaseClass(c));
   EXPECT_EQ(a->getBaseClass(), nullptr);
   EXPECT_EQ(a->getRefCnt(), 2);
 
   QelClass* unnamed = make(u"", a);
   EXPECT_EQ(unnamed->getClassName(), nullptr);
   QelClass* d = make(u"D", unnamed);
-  EXPECT_TRUE(d->isSubtypeOf(d));
-  EXPECT_TRUE(d->isSubtypeOf(a));
-  EXPECT_FALSE(a->isSubtypeOf(d));
   EXPECT_TRUE(d->isSubtypeOf(QelString(u"D")));
   EXPECT_FALSE(d->isSubtypeOf(QelString(u"A")));  // stops at the unnamed class
-  EXPECT_TRUE(b->isSubtypeOf(QelString(u"A")));
+  EXPECT_TRUE(d->isSubtypeOf(a));
 
   EXPECT_FALSE(d->setClassName(QelString(u"E")));
   EXPECT_FALSE(unnamed->setClassName(QelString(u"")));
@@ -198,34 +164,18 @@ TEST_F(ClassTest, BaseChainNamesAndSubtypes) {
   EXPECT_TRUE(d->isSubtypeOf(QelString(u"A")));
 }
 
-TEST_F(ClassTest, ObjectsHoldTheirClassAndShareMembers) {
+TEST_F(ClassTest, ObjectsHoldTheirClass) {
   QelClass* point = make(u"Point");
   point->addDataMember(u"x");
-  point->addDataMember(u"y");
   point->fixupDataDefs();
-  bool dead = false;
   {
-    auto* o = new QelObject(point);
-    QelValue ov(o, false);
-    EXPECT_EQ(o->getMemberData()->size(), 3u);
-    EXPECT_EQ(o->getClass(), point);
+    QelValue ov(new QelObject(point), false);
+    QelObject* o = ov;
+    EXPECT_EQ(o->getMemberData()->size(), 2u);
     EXPECT_EQ((*o->getMemberData())[0].getType(), QVT_CLASS);
     EXPECT_EQ(point->getRefCnt(), 2);
-    (*o->getMemberData())[1] = QelValue(new ProbeString(u"shared", &dead), false);
-
-    auto* copy = new QelObject(*o);
-    QelValue cv(copy, false);
-    EXPECT_NE(copy->getMemberData(), o->getMemberData());
-    EXPECT_EQ(static_cast<QelString*>((*copy->getMemberData())[1]),
-              static_cast<QelString*>((*o->getMemberData())[1]));
-    EXPECT_EQ(point->getRefCnt(), 3);
   }
-  EXPECT_TRUE(dead);
   EXPECT_EQ(point->getRefCnt(), 1);
-
-  QelObject bare(nullptr);
-  EXPECT_EQ(bare.getClass(), nullptr);
-  EXPECT_EQ(bare.getMemberData(), nullptr);
 
   // A class clears the owner of its dictionaries when it dies.
   auto* lone = new QelClass(vm);

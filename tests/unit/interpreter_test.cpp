@@ -1,5 +1,6 @@
-// The interpreter: operators over every type combination, indexing, calls, sends,
-// operator methods, destructors, tracing switches and the safety limits.
+// The interpreter on hand-built code, for what the script tests cannot reach: operand
+// types a script cannot make, the type errors' wording, native calls, operand widths,
+// broken function members, tracing switches and the safety limits.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -13,32 +14,15 @@ using namespace qeltest;
 
 namespace {
 
-std::string g_log;
 unsigned int g_size;
 bool g_trace;
 
-// Logs its arguments; the result is nil.
-bool note(QelVirtualMachine*, int nargs, ValPtr& args) {
-  for (int k = 1; k <= nargs; ++k) g_log += show(args.at(k - nargs)) + ";";
-  args -= nargs;
-  args->dispose();
-  return true;
-}
-// Logs the string its argument stands for (an object's "toString").
-bool stringOf(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  QelString* s = vm->interpreter()->getStringFromValue(*args);
-  g_log += s ? utf8(*s) : "(null)";
-  args -= nargs;
-  return true;
-}
 // Leaves SP on its call slot, holding 77.
 bool inPlace(QelVirtualMachine*, int nargs, ValPtr& args) {
   args -= nargs;
   *args = QelValue(77);
   return true;
 }
-// Leaves SP on its last argument, which thus becomes the result.
-bool untouched(QelVirtualMachine*, int, ValPtr&) { return true; }
 // Moves SP below its own call slot.
 bool tooFar(QelVirtualMachine*, int nargs, ValPtr& args) {
   args -= nargs + 1;
@@ -54,13 +38,9 @@ bool probe(QelVirtualMachine* vm, int nargs, ValPtr& args) {
 
 // Pushes a new object of the class.
 void newObject(Asm& a, QelClass* cls) { a.push(QelValue(cls, false)).op(OP_NEW); }
-// Pushes a call of note with one integer argument.
-void callNote(Asm& a, int32_t arg) { a.push(QelValue(note)).push(arg).op(OP_CALL, 1); }
 
 class Interp : public ::testing::Test {
  protected:
-  void SetUp() override { g_log.clear(); }
-
   // Builds procedure "t" (the body, then OP_RETURN unless `ret` is false), installs and
   // runs it: "error:<errors>" or the result shown.
   std::string exec(const std::function<void(Asm&)>& body, int argc = 0, const QelChar** argv = nullptr,
@@ -98,94 +78,32 @@ const std::string kIntMin = "int:" + std::to_string(INT32_MIN);
 
 }  // namespace
 
-TEST_F(Interp, AddTypeTable) {
-  EXPECT_EQ(calc(OP_ADD, 2, 3), "int:5");
-  EXPECT_EQ(calc(OP_ADD, INT32_MAX, 1), kIntMin);
-  EXPECT_EQ(calc(OP_ADD, 1, 0.5f), "flt:1.5");
-  EXPECT_EQ(calc(OP_ADD, 1, 0.25), "dbl:1.25");
-  EXPECT_EQ(calc(OP_ADD, 0.5f, 2), "flt:2.5");
-  EXPECT_EQ(calc(OP_ADD, 0.5f, 0.25), "dbl:0.75");
-  EXPECT_EQ(calc(OP_ADD, 65, str(u"bc")), "str:Abc");
-  EXPECT_EQ(calc(OP_ADD, 0x10041, str(u"bc")), "str:Abc");  // the low 16 bits
-  EXPECT_EQ(calc(OP_ADD, str(u"ab"), 67), "str:abC");
-  EXPECT_EQ(calc(OP_ADD, str(u"ab"), str(u"cd")), "str:abcd");
+// arithmetic.qel shows the result types, the wrapping ends and the mixed comparisons;
+// here: what a script cannot make (string references, null strings, a double divisor
+// whose low half is zero) and which type each type error names.
+TEST_F(Interp, OperatorTypeTable) {
   // The message names the actual type; "&s" stays as written.
-  EXPECT_EQ(calc(OP_ADD, str(u"ab"), 1.5f), kTypeError + "QVT_FLOAT expected\n");
   EXPECT_EQ(calc(OP_ADD, 1.5f, str(u"ab")), kTypeError + "QVT_STRING expected\n");
-  EXPECT_EQ(calc(OP_ADD, 1.5, QelValue()), kTypeError + "QVT_NULL expected\n");
   EXPECT_EQ(calc(OP_ADD, QelValue(), 1), kTypeError + "QVT_NULL expected\n");
   QelValue owned = str(u"x");
   EXPECT_EQ(calc(OP_ADD, QelValue(static_cast<QelString*>(owned), true), owned), "str:xx");
   QelValue nullString(static_cast<QelString*>(nullptr), false);
   EXPECT_EQ(calc(OP_ADD, nullString, 1), "error:left string operand is NULL\n");
   EXPECT_EQ(calc(OP_ADD, 1, nullString), "error:right string operand is NULL\n");
-}
-
-TEST_F(Interp, SubMulDivRem) {
-  EXPECT_EQ(calc(OP_SUB, 2, 7), "int:-5");
-  EXPECT_EQ(calc(OP_MUL, 65536, 65536), "int:0");  // wraps at 32 bits
-  EXPECT_EQ(calc(OP_MUL, 1.5f, 2), "flt:3");
   EXPECT_EQ(calc(OP_SUB, QelValue(), 1), kTypeError + "QVT_NULL expected\n");
   EXPECT_EQ(calc(OP_MUL, 1, str(u"a")), kTypeError + "QVT_STRING expected\n");
-  EXPECT_EQ(calc(OP_DIV, 7, 2), "int:3");
-  EXPECT_EQ(calc(OP_DIV, 7.0, 2), "dbl:3.5");
-  EXPECT_EQ(calc(OP_DIV, 1.0f, 3.0f), "flt:0.333333");
-  EXPECT_EQ(calc(OP_DIV, 7, 0), "error:divide 0 error\n");
   EXPECT_EQ(calc(OP_DIV, 1.0, 2.0), "error:divide 0 error\n");  // the low half of 2.0 is zero
-  EXPECT_EQ(calc(OP_DIV, INT32_MIN, -1), kIntMin);
-  EXPECT_EQ(calc(OP_REM, -7, 2), "int:-1");
-  EXPECT_EQ(calc(OP_REM, INT32_MIN, -1), "int:0");
-  EXPECT_EQ(calc(OP_REM, 7.5f, 2), "flt:1.5");
-  EXPECT_EQ(calc(OP_REM, 7.5, 2), "dbl:1.5");
-}
-
-TEST_F(Interp, BitwiseAndShifts) {
-  EXPECT_EQ(calc(OP_BAND, 6, 3), "int:2");
-  EXPECT_EQ(calc(OP_BOR, 6, 3), "int:7");
-  EXPECT_EQ(calc(OP_XOR, 6, 3), "int:5");
-  EXPECT_EQ(calc(OP_SHL, 1, 31), kIntMin);
-  EXPECT_EQ(calc(OP_SHL, 1, 40), "int:0");
-  EXPECT_EQ(calc(OP_SHR, -8, 40), "int:-1");
-  EXPECT_EQ(calc(OP_SHR, -8, 1), "int:-4");
-  EXPECT_EQ(calc(OP_SHL, 1, 256), "int:1");  // only the low 8 bits of the count count
   EXPECT_EQ(calc(OP_BAND, 1.5f, 1), kTypeError + "QVT_FLOAT expected\n");
   EXPECT_EQ(calc(OP_SHL, 1, 1.0), kTypeError + "QVT_DOUBLE expected\n");
-  EXPECT_EQ(unary(OP_BNOT, 5), "int:-6");
   EXPECT_EQ(unary(OP_BNOT, 5.0f), kTypeError + "QVT_FLOAT expected\n");
-}
-
-TEST_F(Interp, UnaryOperators) {
-  EXPECT_EQ(unary(OP_NEG, 5), "int:-5");
-  EXPECT_EQ(unary(OP_NEG, INT32_MIN), kIntMin);
-  EXPECT_EQ(unary(OP_NEG, 1.5f), "flt:-1.5");
-  EXPECT_EQ(unary(OP_NEG, 2.5), "dbl:-2.5");
   EXPECT_EQ(unary(OP_NEG, str(u"a")), kTypeError + "QVT_STRING expected\n");
-  EXPECT_EQ(unary(OP_INC, INT32_MAX), kIntMin);
-  EXPECT_EQ(unary(OP_INC, 1.5f), "flt:2.5");
-  EXPECT_EQ(unary(OP_DEC, 1.5), "dbl:0.5");
   EXPECT_EQ(unary(OP_DEC, QelValue()), kTypeError + "QVT_NULL expected\n");
-  // Logical negation yields 1 whatever the operand.
-  EXPECT_EQ(unary(OP_NOT, 0), "int:1");
-  EXPECT_EQ(unary(OP_NOT, 5), "int:1");
-}
 
-TEST_F(Interp, Comparisons) {
-  EXPECT_EQ(calc(OP_LT, 1, 2), "int:1");
-  EXPECT_EQ(calc(OP_GT, INT32_MAX, -1), "int:0");  // the difference wraps negative
-  EXPECT_EQ(calc(OP_LT, 1, 1.5f), "int:1");
-  EXPECT_EQ(calc(OP_LE, 2.5, 2), "int:0");
-  EXPECT_EQ(calc(OP_EQ, 2.0f, 2.0), "int:1");
   EXPECT_EQ(calc(OP_LT, 1, str(u"a")), kTypeError + "QVT_STRING expected\n");
   EXPECT_EQ(calc(OP_LT, 1.5f, QelValue()), kTypeError + "QVT_NULL expected\n");
-  EXPECT_EQ(calc(OP_EQ, QelValue(), QelValue()), "int:1");
-  EXPECT_EQ(calc(OP_LT, QelValue(), str(u"a")), "int:1");
   EXPECT_EQ(calc(OP_LT, QelValue(), 1), kTypeError + "QVT_INTEGER expected\n");
-  EXPECT_EQ(calc(OP_NE, str(u"a"), QelValue()), "int:1");
-  EXPECT_EQ(calc(OP_EQ, QelValue(new QelVector(), false, false), QelValue()), "int:0");
   // Owned strings compare as text; a string reference only by identity.
-  EXPECT_EQ(calc(OP_LT, str(u"abc"), str(u"abd")), "int:1");
-  EXPECT_EQ(calc(OP_EQ, str(u"abc"), str(u"abc")), "int:1");
-  QelValue owned = str(u"a"), other = str(u"a");
+  QelValue other = str(u"x");
   QelValue ref(static_cast<QelString*>(owned), true), otherRef(static_cast<QelString*>(other), true);
   EXPECT_EQ(calc(OP_EQ, owned, ref), kTypeError + "QVT_STRINGREF expected\n");
   EXPECT_EQ(calc(OP_EQ, ref, owned), kTypeError + "QVT_STRINGREF expected\n");
@@ -197,65 +115,18 @@ TEST_F(Interp, Comparisons) {
   EXPECT_EQ(calc(OP_GT, a1, a2), v1 > v2 ? "int:1" : "int:0");
 }
 
+// builtins_containers.qel reads and stores elements of every container; here: the
+// bounds and the type errors.
 TEST_F(Interp, IndexedReadAndWrite) {
   QelVector* vec = new QelVector();
   for (int i = 0; i < 3; ++i) vec->push_back(QelValue(10 + i));
-  QelBuffer* buf = new QelBuffer();
-  const unsigned char bytes[] = {1, 2, 200};
-  buf->append(bytes, 3);
-  QelCharBuffer* cbuf = new QelCharBuffer();
-  cbuf->append(u"xyz", 3);
-  QelDictionary* dict = new QelDictionary();
-  QelValue v(vec, false, false), b(buf, false), cb(cbuf, false), d(dict, false), s = str(u"abc");
-
-  EXPECT_EQ(calc(OP_VREF, v, 2), "int:12");
-  EXPECT_EQ(calc(OP_VREF, QelValue(vec, false, true), 0), "int:10");
-  EXPECT_EQ(calc(OP_VREF, b, 2), "int:200");
-  EXPECT_EQ(calc(OP_VREF, cb, 1), "int:121");
-  EXPECT_EQ(calc(OP_VREF, s, 0), "int:97");
+  QelValue v(vec, false, false), d(new QelDictionary(), false), s = str(u"abc");
   EXPECT_EQ(calc(OP_VREF, v, 3), "error:subscript out of range\n");
   EXPECT_EQ(calc(OP_VREF, s, -1), "error:subscript out of range\n");
   EXPECT_EQ(calc(OP_VREF, v, str(u"a")), kTypeError + "QVT_STRING expected\n");
   EXPECT_EQ(calc(OP_VREF, 5, 0), kTypeError + "QVT_INTEGER expected\n");
-  EXPECT_EQ(calc(OP_VREF, d, str(u"k")), "nil");  // a missing key reads nil and is created
-  EXPECT_NE(dict->find(u"k"), nullptr);
   EXPECT_EQ(calc(OP_VREF, d, 1), kTypeError + "QVT_INTEGER expected\n");
-
-  EXPECT_EQ(vset(b, 0, 300), "int:44");  // low 8 bits
-  EXPECT_EQ((*buf)[0], 44);
-  EXPECT_EQ(vset(cb, 0, 0x10041), "int:65");  // low 16 bits
-  EXPECT_EQ((*cbuf)[0], u'A');
-  EXPECT_EQ(vset(v, 1, str(u"q")), "str:q");
-  EXPECT_EQ(show((*vec)[1]), "str:q");
-  EXPECT_EQ(vset(s, 1, 88), "int:88");
-  EXPECT_EQ(utf8(*static_cast<QelString*>(s)), "aXc");  // the string's own storage
-  EXPECT_EQ(vset(d, str(u"n"), 5), "int:5");
-  EXPECT_EQ(show(dict->find(u"n")->getValue()), "int:5");
-  EXPECT_EQ(vset(v, 3, 1), "error:subscript out of range\n");
-  EXPECT_EQ(vec->size(), 3u);  // containers never grow on a write
   EXPECT_EQ(vset(1, 0, 1), kTypeError + "QVT_INTEGER expected\n");
-}
-
-TEST_F(Interp, MakeReferenceAndDelete) {
-  QelVector* vec = new QelVector();
-  QelValue keep(vec, false, false);
-  EXPECT_EQ(unary(OP_MKREF, keep), "type:QVT_VECTORREF");
-  EXPECT_EQ(vec->getRefCnt(), 2);  // the literal and this test: the stack copy gave up its count
-  EXPECT_EQ(unary(OP_MKREF, 3), "int:3");
-
-  QelClass* k = makeClass(vm, u"K");
-  method(k, u"dtor", [](Asm& m) { callNote(m, 9); });
-  // An unowned object with no count left is destroyed, its destructor run.
-  EXPECT_EQ(exec([&](Asm& a) { newObject(a, k), a.op(OP_MKREF).op(OP_DELETE); }), "nil");
-  EXPECT_EQ(g_log, "int:9;");
-  // One that still has an owner survives OP_DELETE and dies with its owner.
-  g_log.clear();
-  EXPECT_EQ(exec([&](Asm& a) {
-              newObject(a, k), a.op(OP_DUP).op(OP_MKREF).op(OP_DELETE).op(OP_POP);
-              callNote(a, 1), a.op(OP_POP).op(OP_NIL);
-            }),
-            "nil");
-  EXPECT_EQ(g_log, "int:1;int:9;");
 }
 
 TEST_F(Interp, OperandWidthsAndBranches) {
@@ -266,8 +137,6 @@ TEST_F(Interp, OperandWidthsAndBranches) {
       code = a.code();
     });
   };
-  EXPECT_EQ(wide(300), "int:7");
-  EXPECT_EQ(code, (std::vector<uint8_t>{OP_RWORD, OP_LIT, 0x2C, 0x01, OP_RBYTE}));
   EXPECT_EQ(wide(70000), "int:7");
   EXPECT_EQ(code, (std::vector<uint8_t>{OP_RDWORD, OP_LIT, 0x70, 0x11, 0x01, 0x00, OP_RBYTE}));
   // Branch operands stay 4 bytes wide while the index width is 2.
@@ -288,18 +157,15 @@ TEST_F(Interp, OperandWidthsAndBranches) {
   EXPECT_EQ(exec([](Asm& a) { a.raw({0x30, 0x7F, 0x83, 0xEF}).load(1); }), "int:1");
 }
 
-TEST_F(Interp, StackGlobalsTemporariesMembers) {
-  // DUP2 keeps the order of the two values: 1 + (2 - (1 - 2)) = 4.
-  EXPECT_EQ(exec([](Asm& a) { a.load(1).push(2).op(OP_DUP2).op(OP_SUB).op(OP_SUB).op(OP_ADD); }), "int:4");
-  EXPECT_EQ(exec([&](Asm& a) {
-              uint32_t g = a.var(vm, u"g");
-              a.load(5).op(OP_SET, g).op(OP_NIL).op(OP_REF, g).op(OP_INC);
-            }),
-            "int:6");
-  EXPECT_EQ(show(vm.symbols().find(u"g")->getValue()), "int:5");
+// OP_DELETE through references, with and without an owner, runs in constructors.qel
+// and references.qel; a reference of a container gives up the stack copy's count.
+TEST_F(Interp, ReferencesVariablesTemporariesAndMembers) {
+  QelVector* vec = new QelVector();
+  QelValue keep(vec, false, false);
+  EXPECT_EQ(unary(OP_MKREF, keep), "type:QVT_VECTORREF");
+  EXPECT_EQ(vec->getRefCnt(), 2);  // the literal and this test
+  EXPECT_EQ(unary(OP_MKREF, 3), "int:3");
   EXPECT_EQ(exec([](Asm& a) { a.op(OP_REF, a.lit(1)); }), "error:invalid variable reference QVT_INTEGER\n");
-  EXPECT_EQ(exec([](Asm& a) { a.op(OP_TSPACE, 1).push(9).op(OP_TSET, 0).op(OP_NIL).op(OP_TREF, 0); }),
-            "int:9");
   // Temporaries have no bounds test: a slot past the stack reads nil.
   EXPECT_EQ(exec([](Asm& a) { a.op(OP_TSPACE, 0).load(1).op(OP_TREF, 7); }), "nil");
   EXPECT_EQ(exec([](Asm& a) { a.op(OP_MREF, 1); }), "error:object expected\n");
@@ -311,10 +177,7 @@ TEST_F(Interp, CallsAndArguments) {
     return exec([&](Asm& a) { a.push(QelValue(fn)).push(5).push(6).op(OP_CALL, 2); });
   };
   EXPECT_EQ(callNative(inPlace), "int:77");
-  EXPECT_EQ(callNative(untouched), "int:6");
   EXPECT_EQ(callNative(tooFar), "error:stack corrupted\n");
-  EXPECT_EQ(exec([](Asm& a) { a.load(5).op(OP_CALL, 0); }),
-            "error:call to non-procedure, type QVT_INTEGER\n");
 
   // A callee that leaves five extra values: the stack ends at the frame slot after the call.
   Asm callee(u"five");
@@ -328,110 +191,47 @@ TEST_F(Interp, CallsAndArguments) {
   EXPECT_EQ(g_size, 3u);  // frame slot 1, then the probe's call slot 2
 
   const QelChar* argv[] = {u"one", u"two"};
-  EXPECT_EQ(exec([](Asm& a) { a.op(OP_AREF, 1); }, 2, argv), "str:two");
   EXPECT_EQ(exec([](Asm& a) { a.op(OP_AREF, 2); }, 2, argv), "error:too few arguments\n");
-  EXPECT_EQ(exec([](Asm& a) { a.push(3).op(OP_ASET, 0).op(OP_NIL).op(OP_AREF, 0); }, 1, argv), "int:3");
 }
 
-TEST_F(Interp, SendThroughBaseClasses) {
+// Sends and operator methods where the script tests cannot reach: native and broken
+// function members, receivers that are no objects, and the missing-method names.
+TEST_F(Interp, SendsAndOperatorMethods) {
   QelClass* base = makeClass(vm, u"Base");
-  QelClass* derived = makeClass(vm, u"Derived", base, {u"x"});
-  method(base, u"m", [](Asm& m) { m.load(42); });
-  method(derived, u"setx",
-         [](Asm& m) { m.op(OP_AREF, 1).op(OP_MSET, 1).op(OP_NIL).op(OP_MREF, 1).op(OP_INC); });
+  QelClass* derived = makeClass(vm, u"Derived", base);
   base->addMethod(u"native", inPlace);
   base->funcMembers()[QelString(u"number")].setValue(QelValue(3));
   base->funcMembers()[QelString(u"null")].setValue(QelValue(static_cast<QelNativeFunction>(nullptr)));
-  auto sendTo = [&](const QelChar* name, int32_t arg) {
-    return exec([&](Asm& a) { newObject(a, derived), a.push(str(name)).push(arg).op(OP_SEND, 2); });
+  method(base, u"compare", [](Asm& m) { m.load(str(u"x")); });
+  auto sendTo = [&](const QelChar* name) {
+    return exec([&](Asm& a) { newObject(a, derived), a.push(str(name)).push(0).op(OP_SEND, 2); });
   };
-  EXPECT_EQ(sendTo(u"m", 0), "int:42");
-  EXPECT_EQ(sendTo(u"setx", 4), "int:5");
-  EXPECT_EQ(sendTo(u"native", 0), "int:77");
-  EXPECT_EQ(sendTo(u"nope", 0), "error:no method for name nope\n");
+  EXPECT_EQ(sendTo(u"native"), "int:77");
   // Messages that end in a line end get another one.
-  EXPECT_EQ(sendTo(u"number", 0), "error:numberhas no method implementation\n\n");
-  EXPECT_EQ(sendTo(u"null", 0), "error:null : NULL pointer to native function\n\n");
-  EXPECT_EQ(exec([](Asm& a) {
-              a.load(QelValue(static_cast<QelObject*>(nullptr), false)).push(str(u"m")).op(OP_SEND, 1);
-            }),
-            "error:QelInterpreter::send : object expected\n\n");
+  EXPECT_EQ(sendTo(u"number"), "error:numberhas no method implementation\n\n");
+  EXPECT_EQ(sendTo(u"null"), "error:null : NULL pointer to native function\n\n");
   EXPECT_EQ(exec([](Asm& a) { a.load(1).push(str(u"m")).op(OP_SEND, 1); }),
             kTypeError + "QVT_INTEGER expected\n");
   // A missing destructor is no error, and nothing else happens.
-  EXPECT_EQ(sendTo(u"dtor", 0), "int:0");
+  EXPECT_EQ(sendTo(u"dtor"), "int:0");
 
-  // A derived destructor runs its base's through "BC_dtor" when the object is released.
-  method(base, u"dtor", [](Asm& m) { callNote(m, 1); });
-  method(derived, u"dtor", [](Asm& m) {
-    callNote(m, 2);
-    m.op(OP_PUSH).op(OP_AREF, 0).push(str(u"BC_dtor")).op(OP_SEND, 1);
-  });
-  EXPECT_EQ(exec([&](Asm& a) { newObject(a, derived), a.op(OP_NIL), callNote(a, 3); }), "nil");
-  EXPECT_EQ(g_log, "int:2;int:1;int:3;");
-}
-
-TEST_F(Interp, OperatorMethods) {
-  QelClass* cls = makeClass(vm, u"V");
-  auto argPlus = [](int32_t n) { return [n](Asm& m) { m.op(OP_AREF, 1).push(n).op(OP_ADD); }; };
-  method(cls, u"OP_ADD", argPlus(100));
-  method(cls, u"OP_ADD_R", argPlus(200));
-  method(cls, u"OP_VREF", argPlus(1000));
-  method(cls, u"OP_CALL", argPlus(0));
-  method(cls, u"OP_NEG", [](Asm& m) { m.load(str(u"neg")); });
-  method(cls, u"OP_VSET", [](Asm& m) { m.op(OP_AREF, 1).op(OP_PUSH).op(OP_AREF, 2).op(OP_ADD); });
   auto objOp = [&](QelOpCode op, int32_t n, bool objLeft) {
     return exec([&](Asm& a) {
-      if (objLeft) newObject(a, cls);
+      if (objLeft) newObject(a, derived);
       a.push(n);
-      if (!objLeft) newObject(a, cls);
-      op == OP_CALL ? a.op(op, 1) : a.op(op);
+      if (!objLeft) newObject(a, derived);
+      a.op(op);
     });
   };
-  EXPECT_EQ(objOp(OP_ADD, 5, true), "int:105");
-  EXPECT_EQ(objOp(OP_ADD, 5, false), "int:205");
-  EXPECT_EQ(objOp(OP_VREF, 3, true), "int:1003");
-  EXPECT_EQ(objOp(OP_CALL, 1, true), "int:1");  // the object called with one argument
   EXPECT_EQ(objOp(OP_SUB, 5, true), "error:no method for name OP_SUB\n");
   EXPECT_EQ(objOp(OP_SHL, 5, false), "error:no method for name OP_SHL_R\n");
   EXPECT_EQ(objOp(OP_DIV, 0, true), "error:divide 0 error\n");  // the zero test comes first
-  EXPECT_EQ(exec([&](Asm& a) { newObject(a, cls), a.op(OP_NEG); }), "str:neg");
-  EXPECT_EQ(exec([&](Asm& a) { newObject(a, cls), a.push(3).push(4).op(OP_VSET); }), "int:7");
-  EXPECT_EQ(exec([&](Asm& a) { newObject(a, cls), a.op(OP_INC); }), "error:no method for name OP_INC\n");
-}
-
-TEST_F(Interp, CompareMethodAndToString) {
-  QelClass* cmp = makeClass(vm, u"C");
-  method(cmp, u"compare", [](Asm& m) { m.load(1); });
-  QelClass* bad = makeClass(vm, u"Bad");
-  method(bad, u"compare", [](Asm& m) { m.load(str(u"x")); });
-  QelClass* plain = makeClass(vm, u"Plain");
-  method(plain, u"toString", [](Asm& m) { m.load(str(u"tee")); });
-  auto operand = [](Asm& a, QelClass* cls) { cls ? newObject(a, cls) : (void)a.push(5); };
-  auto compare = [&](QelOpCode op, QelClass* left, QelClass* right) {
-    return exec([&](Asm& a) { operand(a, left), operand(a, right), a.op(op); });
-  };
-  EXPECT_EQ(compare(OP_GT, cmp, nullptr), "int:1");
-  EXPECT_EQ(compare(OP_GT, nullptr, cmp), "int:0");  // the swapped answer is negated
-  EXPECT_EQ(compare(OP_LT, nullptr, cmp), "int:1");
-  EXPECT_EQ(compare(OP_LT, bad, nullptr), kTypeError + "QVT_STRING expected\n");
-  EXPECT_EQ(compare(OP_EQ, plain, plain), "int:0");  // two objects: by identity
-  EXPECT_EQ(exec([&](Asm& a) { newObject(a, plain), a.op(OP_DUP).op(OP_EQ); }), "int:1");
-
-  auto stringFrom = [&](const std::function<void(Asm&)>& arg) {
-    g_log.clear();
-    exec([&](Asm& a) { a.push(QelValue(stringOf)), arg(a), a.op(OP_CALL, 1); });
-    return g_log;
-  };
-  EXPECT_EQ(stringFrom([&](Asm& a) { newObject(a, plain); }), "tee");
-  EXPECT_EQ(stringFrom([&](Asm& a) { newObject(a, cmp); }), "(null)");
-  EXPECT_EQ(stringFrom([](Asm& a) { a.push(str(u"s")); }), "s");
+  EXPECT_EQ(objOp(OP_LT, 5, true), kTypeError + "QVT_STRING expected\n");  // "compare" must answer an integer
+  EXPECT_EQ(exec([&](Asm& a) { newObject(a, derived), a.op(OP_INC); }), "error:no method for name OP_INC\n");
 }
 
 TEST_F(Interp, SafetyLimits) {
-  // Deep recursion fails cleanly, also through operator methods.
-  EXPECT_EQ(exec([&](Asm& a) { a.op(OP_PUSH).op(OP_REF, a.var(vm, u"t")).op(OP_CALL, 0); }),
-            "error:stack overflow\n");
+  // Deep recursion through operator methods fails cleanly.
   QelClass* cls = makeClass(vm, u"R");
   method(cls, u"OP_ADD", [](Asm& m) { m.op(OP_AREF, 0).push(1).op(OP_ADD); });
   EXPECT_EQ(exec([&](Asm& a) { newObject(a, cls), a.push(1).op(OP_ADD); }).find("error:stack overflow\n"),
@@ -457,18 +257,10 @@ TEST_F(Interp, SafetyLimits) {
 }
 
 TEST_F(Interp, TraceSwitches) {
-  // Stepping without a wait procedure traces exactly one instruction.
-  Asm a(u"step");
-  a.op(OP_TRSTEP).op(OP_NOP).op(OP_NOP).op(OP_RETURN).install(vm);
-  QelStringPrinter trace;
-  EXPECT_TRUE(vm.execute(u"step", 0, nullptr, false, &err, &trace));
-  EXPECT_EQ(utf8(trace.c_str()),
-            "-->current proc ::step, 0 arguments\n0001: 00    OP_NOP SP:0000 SP[0]:QVT_NULL \n");
-
   // OP_TRON switches tracing on only when a debugger is attached.
   Asm b(u"tron");
   b.op(OP_TRON).push(QelValue(probe)).op(OP_CALL, 0).op(OP_RETURN).install(vm);
-  trace.clear();
+  QelStringPrinter trace;
   EXPECT_TRUE(vm.execute(u"tron", 0, nullptr, false, &err, &trace));
   EXPECT_TRUE(g_trace);
   EXPECT_NE(utf8(trace.c_str()).find("OP_CALL"), std::string::npos);

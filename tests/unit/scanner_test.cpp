@@ -51,51 +51,30 @@ std::string scan(const QelChar* text) {
 
 }  // namespace
 
-TEST(ScannerTokens, KeywordsAndIdentifiers) {
-  EXPECT_EQ(scan(u"class static if else while return for break continue do new delete"),
-            "class static if else while return for break continue do new delete");
-  // "nil" and "null" are one token; keywords are case-sensitive.
-  EXPECT_EQ(scan(u"nil null Null TRON TROFF TRSTEP tron"),
-            "null null <ident>:Null TRON TROFF TRSTEP <ident>:tron");
+// literals.qel runs the usual literals, escapes and comments through the whole engine;
+// these are the token streams a script's output cannot show.
+TEST(ScannerTokens, IdentifiersOperatorsAndComments) {
+  EXPECT_EQ(scan(u"TRON TROFF TRSTEP tron"), "TRON TROFF TRSTEP <ident>:tron");  // case-sensitive
   EXPECT_EQ(scan(u"_a1 classy x_y9 \u00e9t\u00e9 \u03b1\u03b2"),
             "<ident>:_a1 <ident>:classy <ident>:x_y9 <ident>:\u00e9t\u00e9 <ident>:\u03b1\u03b2");
   EXPECT_TRUE(QelScanner::isIdChar(u'_'));
   EXPECT_FALSE(QelScanner::isIdChar(u'$'));
   EXPECT_FALSE(QelScanner::isIdChar(0xFFFF));
   EXPECT_EQ(scan(u"$x"), "'$' <ident>:x");
-}
-
-TEST(ScannerTokens, Operators) {
-  EXPECT_EQ(scan(u"<= == != >= << >> && || ++ -- += -= *= /= %= &= |= ^= ~= <<= >>= => :: ->"),
-            "<= == != >= << >> && || ++ -- += -= *= /= %= &= |= ^= ~= <<= >>= => :: ->");
   EXPECT_EQ(scan(u"a<<=b"), "<ident>:a <<= <ident>:b");
   EXPECT_EQ(scan(u"a< <b"), "<ident>:a '<' '<' <ident>:b");
-  EXPECT_EQ(scan(u"a<<b>>c>>=d"), "<ident>:a << <ident>:b >> <ident>:c >>= <ident>:d");
   EXPECT_EQ(scan(u"+++-->"), "++ '+' -- '>'");  // longest match from the left
-  EXPECT_EQ(scan(u"(a)[b]{c};,.:?=<>+-*/%&|^~!"),
-            "'(' <ident>:a ')' '[' <ident>:b ']' '{' <ident>:c '}' ';' ',' '.' ':' '?' '=' '<' '>' '+' "
-            "'-' '*' '/' '%' '&' '|' '^' '~' '!'");
   QelScanner s(u"x", u"t");
   EXPECT_STREQ(utf8(s.getTokenName(QT_NULL)).c_str(), "null");
   EXPECT_STREQ(utf8(s.getTokenName(static_cast<QelToken>(48))).c_str(), "invalid token");
-}
-
-TEST(ScannerTokens, Comments) {
-  EXPECT_EQ(scan(u"#!/usr/bin/qel\na #! b\nc"), "<ident>:a <ident>:c");
-  EXPECT_EQ(scan(u"#include \"f\""), "'#' <ident>:include <string>:f");
-  EXPECT_EQ(scan(u"a @ b\nc // d\ne"), "<ident>:a <ident>:c <ident>:e");
-  EXPECT_EQ(scan(u"a /* b \n c */ d"), "<ident>:a <ident>:d");
-  EXPECT_EQ(scan(u"a /*/ b */ c"), "<ident>:a <ident>:c");  // "/*/" does not close
+  // Comments.
   EXPECT_EQ(scan(u"a /**/ b /*** c **/ d"), "<ident>:a <ident>:b <ident>:d");
   EXPECT_EQ(scan(u"a /* /* b */ c */"), "<ident>:a <ident>:c '*' '/'");  // no nesting
   EXPECT_EQ(scan(u"a /* open to the end"), "<ident>:a");
-  EXPECT_EQ(scan(u"a // end"), "<ident>:a");
   EXPECT_EQ(scan(u"#"), "'#'");
 }
 
-TEST(ScannerNumbers, IntegersAndBases) {
-  EXPECT_EQ(scan(u"0x1F 0X1f 017 08 0 42"), "<long>:31 <long>:31 <long>:15 <long>:0 <long>:0 <long>:42");
-  EXPECT_EQ(scan(u"10x1F"), "<long>:10");  // one token
+TEST(ScannerNumbers, IntegersAndFloats) {
   EXPECT_EQ(scan(u"0x 0xg"), "<long>:0 <long>:0 <ident>:g");
   EXPECT_EQ(scan(u"0x1e5 0x1.5"), "<long>:485 <long>:1 '.' <long>:5");
   EXPECT_EQ(scan(u"12ab -3"), "<long>:12 <ident>:ab '-' <long>:3");
@@ -104,21 +83,15 @@ TEST(ScannerNumbers, IntegersAndBases) {
             "<long>:2147483647 <long>:2147483647 <long>:2147483647 <long>:2147483647");
   std::u16string digits(5000, u'9');
   EXPECT_EQ(scan(digits.c_str()), "<long>:2147483647");
-}
-
-TEST(ScannerNumbers, Floats) {
-  EXPECT_EQ(scan(u"1.5e-3 1. 2.25 1e5e3 3e 4E+2"),
-            "<float>:0.0015 <float>:1 <float>:2.25 <float>:100000 <float>:3 <float>:400");
+  EXPECT_EQ(scan(u"1.5e-3 3e 4E+2"), "<float>:0.0015 <float>:3 <float>:400");
   EXPECT_EQ(scan(u"1.2.3"), "<float>:1.2 '.' <long>:3");
   EXPECT_EQ(scan(u"1e.5"), "<float>:1 '.' <long>:5");
   std::u16string big = std::u16string(400, u'9') + u".5";
   EXPECT_EQ(scan(big.c_str()), "<float>:inf");
 }
 
-TEST(ScannerLiterals, Characters) {
-  EXPECT_EQ(scan(u"'a' '\\n' '\\t' '\\\\' '\\'' '\"' '''"),
-            "<long>:97 <long>:10 <long>:9 <long>:92 <long>:39 <long>:34 <long>:39");
-  EXPECT_EQ(scan(u"'\\65' '\\0x41' '\\012' '\\q'"), "<long>:65 <long>:65 <long>:10 <long>:113");
+TEST(ScannerLiterals, CharactersAndStrings) {
+  EXPECT_EQ(scan(u"'\\q' '\\012'"), "<long>:113 <long>:10");
   EXPECT_EQ(scan(u"'\\1.5'"), "<error> <error>");  // the quote left over opens another literal
   QelScanner s(u"'ab'", u"c.qel");
   ASSERT_EQ(s.getToken(), QT_ERROR);
@@ -126,22 +99,15 @@ TEST(ScannerLiterals, Characters) {
   QelScanner open(u"'", u"c.qel");
   EXPECT_EQ(open.getToken(), QT_ERROR);
   EXPECT_EQ(open.getToken(), QT_EOF);
-}
 
-TEST(ScannerLiterals, Strings) {
-  EXPECT_EQ(scan(u"\"x\\65y\" \"\\0x41\" \"a\\012b\""), "<string>:xAy <string>:A <string>:a\nb");
-  EXPECT_EQ(scan(u"\"q\\\"q\" \"b\\\\\" \"\\a\\b\\f\\v\\r\\z\""),
-            "<string>:q\"q <string>:b\\ <string>:\a\b\f\v\rz");
-  EXPECT_EQ(scan(u"\"two\nlines\" \"\""), "<string>:two\nlines <string>:");
+  EXPECT_EQ(scan(u"\"\" \"\\z\""), "<string>: <string>:z");
   EXPECT_EQ(scan(u"\"open\nto the end"), "<string>:open\nto the end\n");  // accepted
   EXPECT_EQ(scan(u"\"ends in \\"), "<string>:ends in \n");  // escaped line end
-  EXPECT_EQ(scan(u"\"ab\\0cd\" x"), "<string>:ab <ident>:x");  // the NUL ends it for readers
   EXPECT_EQ(scan(u"\"\\2.5\" x"), "<error> <string>: x\n");
   std::u16string longText = u"\"" + std::u16string(20000, u'z') + u"\\65\"";
-  QelScanner s(longText.c_str(), u"t");
-  ASSERT_EQ(s.getToken(), QT_STRING);
-  std::u16string got = s.getTokenString();
-  EXPECT_EQ(got, std::u16string(20000, u'z') + u"A");
+  QelScanner t(longText.c_str(), u"t");
+  ASSERT_EQ(t.getToken(), QT_STRING);
+  EXPECT_EQ(std::u16string(t.getTokenString()), std::u16string(20000, u'z') + u"A");
 }
 
 TEST(ScannerPushBack, OneTokenOnly) {
@@ -157,21 +123,12 @@ TEST(ScannerPushBack, OneTokenOnly) {
   EXPECT_TRUE(s.back());
   EXPECT_EQ(s.getToken(), QT_LONG);
   EXPECT_EQ(s.getLong(), 12);
-  EXPECT_EQ(s.getToken(), QT_EOF);
-  EXPECT_EQ(s.getToken(), QT_EOF);
 }
 
-TEST(ScannerErrors, ReportFormat) {
-  QelScanner s(u"first line\n  x = 'ab';\n", u"test.qel");
-  EXPECT_EQ(scanAll(s), "<ident>:first <ident>:line <ident>:x '=' <error> <error>");
+TEST(ScannerErrors, MessageIsTextNotAFormat) {
   QelScanner t(u"first line\n  x = 'ab';\n", u"test.qel");
   for (int i = 0; i < 4; ++i) t.getToken();
   ASSERT_EQ(t.getToken(), QT_ERROR);
-  EXPECT_EQ(utf8(t.getTokenString()),
-            "--> closing single quote expected \nin test.qel line 2 pos 9 \n  x = 'ab';\n\n");
-  EXPECT_EQ(t.getLineNumber(), 2);
-  EXPECT_EQ(t.getPosition(), 9u);
-  // A message with '%' is text, not a format.
   EXPECT_EQ(t.parseError(u"100% wrong"), QT_ERROR);
   EXPECT_EQ(utf8(t.getTokenString()), "--> 100% wrong \nin test.qel line 2 pos 9 \n  x = 'ab';\n\n");
 }
@@ -192,21 +149,7 @@ TEST(ScannerLines, CharactersAndLineEnds) {
   EXPECT_EQ(utf8((empty.parseError(u"m"), empty.getTokenString())), "--> m \nin t line 1 pos 1 \n\n\n");
 }
 
-TEST(ScannerNesting, IncludedTextComesFirst) {
-  QelScanner s(u"one\ntwo", u"main.qel");
-  ASSERT_EQ(s.getToken(), QT_IDENT);
-  s.push(u"x\n 'q", u"inc.qel");
-  EXPECT_EQ(s.getToken(), QT_IDENT);
-  EXPECT_EQ(utf8(s.getTokenString()), "x");
-  ASSERT_EQ(s.getToken(), QT_ERROR);
-  EXPECT_EQ(utf8(s.getTokenString()), "--> closing single quote expected \nin inc.qel line 2 pos 4 \n 'q\n\n");
-  EXPECT_EQ(utf8(s.getSourceName()), "inc.qel");
-  // The included source's end is not delivered; the outer one goes on.
-  EXPECT_EQ(scanAll(s), "<ident>:two");
-  EXPECT_EQ(s.parseError(u"late"), QT_ERROR);
-  EXPECT_EQ(utf8(s.getTokenString()), "--> late \nin main.qel line 2 pos 4 \ntwo\n\n");
-}
-
+// include.qel and compile_expressions.qel check included files end to end.
 TEST(ScannerNesting, ChainsAndPushBack) {
   QelScanner s(u"z", u"a");
   s.push(u"b1", u"b");
