@@ -17,5 +17,7 @@
 #include "qel/compiler.h"
 #include "qel/interpreter.h"
 #include "qel/debugger.h"
+#include "qel/native.h"
+#include "qel/flat.h"
 #include "qel/builtins.h"
 #include "qel/dictionary_io.h"

@@ -1,37 +1,7 @@
-// The built-ins' shared argument checks and result handling.
+// The system group's guard.
 #include "builtins/args.h"
 
-#include "platform/files.h"
-
 namespace qel {
-
-bool BuiltinCall::arity(int min, int max) {
-  if (nargs_ < min) return fail(kMsgTooFewArguments);
-  if (max != kAny && nargs_ > max) return fail(kMsgTooManyArguments);
-  return true;
-}
-
-bool BuiltinCall::fail(const QelChar* message, const QelChar* detail) {
-  if (QelInterpreter* interp = interpreter()) return interp->returnError(message, detail);
-  return false;
-}
-
-bool BuiltinCall::result(QelValue value) {
-  QelVector* stack = args_.vector();
-  int slot = args_.current() - nargs_;
-  if (!stack || slot < 0) return fail(kMsgStackCorrupted);
-  while (static_cast<unsigned>(slot) >= stack->size()) stack->push_null();
-  // The old slot value may be an object whose destructor runs and moves the stack:
-  // the cell is addressed afresh after the value is in place.
-  (*stack)[static_cast<unsigned>(slot)] = std::move(value);
-  args_.setIndex(slot);
-  return true;
-}
-
-FILE* BuiltinCall::stream(int k) const {
-  FILE* fp = static_cast<FILE*>(static_cast<void*>((*this)[k]));
-  return isLiveStream(fp) ? fp : nullptr;
-}
 
 bool systemReady(QelVirtualMachine* vm) {
   if (!vm) return false;
