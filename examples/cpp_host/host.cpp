@@ -88,6 +88,9 @@ QelClass* makeCounterClass(QelVirtualMachine& vm) {
 }
 
 // ---- The script. ----
+//
+// traced and stepped handle only integers, so their trace reads the same on every run
+// (a trace shows heap values such as strings and objects with their addresses).
 const QelChar kScript[] = uR"(
 main(; obj) {
   obj = new Counter(5);

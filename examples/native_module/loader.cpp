@@ -40,6 +40,8 @@ average(a, b, c; avg) {
   const QelChar* values[] = {u"5", u"12", u"1"};
   if (!vm.execute(u"average", 3, values)) return 1;
   // A double result: Qel_GetIntResult would truncate it; from C++ the value is at hand.
-  printf("result %g (%s)\n", vm.getResult().toDouble(), QelString(getValueTypeName(vm.getResult().getType())).a_str());
+  const QelValue& result = vm.getResult();
+  QelString typeName(getValueTypeName(result.getType()));
+  printf("result %g, type %s\n", result.toDouble(), typeName.a_str());
   return 0;
 }
