@@ -93,6 +93,9 @@ bool QelVirtualMachine::registerNativeClass(const QelChar* name, QelClass* cls) 
   if (e.getSymbolType() != QST_UNDEFINED) return false;
   cls->setClassName(QelString(name));
   cls->setIsNative(true);
+  // A class whose members were never laid out gets its slots now, so that no member
+  // can answer slot 0, where an object keeps its class.
+  if (cls->getDataSize() < 0) cls->fixupDataDefs();
   e.setValue(QelValue(cls, false));
   e.setSymbolType(QST_CLASS);
   return true;
