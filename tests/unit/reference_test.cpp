@@ -8,7 +8,7 @@
 // empty directory with no input, unless its first line is "// $ COMMAND", a shell
 // command that runs "qel example.qel" in its own way (arguments, piped input).
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <stdlib.h>  // mkdtemp
 
 #include <cstdlib>
 #include <filesystem>
@@ -31,12 +31,14 @@ struct Example {
 };
 
 struct Reference {
-  std::map<std::string, int> sections;  // name in a heading -> how many headings
+  std::map<std::string, int> sections;   // name in a heading -> how many headings
   std::vector<std::string> badHeadings;  // headings with code that is not one name
   std::vector<Example> examples;
 };
 
-bool startsWith(const std::string& s, const std::string& prefix) { return s.compare(0, prefix.size(), prefix) == 0; }
+bool startsWith(const std::string& s, const std::string& prefix) {
+  return s.compare(0, prefix.size(), prefix) == 0;
+}
 
 // A heading "### `name`" names a section; one with other code in it is malformed.
 void readHeading(const std::string& line, Reference& ref, std::string& section) {
@@ -108,7 +110,8 @@ TEST(Reference, EachSymbolHasOneSectionAndEachSectionASymbol) {
 
   QelVirtualMachine vm;
   std::map<std::string, int> registered;
-  for (QelDictionaryEntry* e = vm.symbols().getFirst(); e; e = e->getNext()) ++registered[e->getKey()->a_str()];
+  for (QelDictionaryEntry* e = vm.symbols().getFirst(); e; e = e->getNext())
+    ++registered[e->getKey()->a_str()];
   for (const auto& symbol : registered) {
     auto it = ref.sections.find(symbol.first);
     if (it == ref.sections.end()) {
@@ -118,7 +121,8 @@ TEST(Reference, EachSymbolHasOneSectionAndEachSectionASymbol) {
     }
   }
   for (const auto& section : ref.sections) {
-    if (!registered.count(section.first)) ADD_FAILURE() << "section for " << section.first << ", which is not registered";
+    if (!registered.count(section.first))
+      ADD_FAILURE() << "section for " << section.first << ", which is not registered";
   }
 }
 
