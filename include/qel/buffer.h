@@ -8,6 +8,22 @@
 
 #include "qel/value.h"
 
+// Something built from a buffer's bytes and kept with it (the interpreter keeps the
+// decoded form of a procedure's code here). The buffer lets go of it when it dies.
+class QEL_API QelBufferCache {
+ public:
+  // What made the cache: each maker names itself by an address of its own.
+  const void* maker() const { return maker_; }
+  virtual void release() = 0;
+
+ protected:
+  explicit QelBufferCache(const void* maker) : maker_(maker) {}
+  virtual ~QelBufferCache() {}
+
+ private:
+  const void* maker_;
+};
+
 class QEL_API QelBuffer : public QelRefObject {
  public:
   QelBuffer();
@@ -27,6 +43,7 @@ class QEL_API QelBuffer : public QelRefObject {
   unsigned int push_back(unsigned char b) {
     if (size_ >= capacity_) setCapacity(2 * size_);
     data_[size_] = b;
+    ++version_;
     return size_++;
   }
   unsigned char pop_back();
@@ -40,6 +57,7 @@ class QEL_API QelBuffer : public QelRefObject {
     return static_cast<QelChar>(data_[off] | (data_[off + 1] << 8));
   }
   void setW(unsigned int off, QelChar w) {
+    ++version_;
     data_[off] = static_cast<unsigned char>(w);
     data_[off + 1] = static_cast<unsigned char>(w >> 8);
   }
@@ -48,6 +66,7 @@ class QEL_API QelBuffer : public QelRefObject {
            (static_cast<uint32_t>(data_[off + 2]) << 16) | (static_cast<uint32_t>(data_[off + 3]) << 24);
   }
   void setDW(unsigned int off, uint32_t d) {
+    ++version_;
     data_[off] = static_cast<unsigned char>(d);
     data_[off + 1] = static_cast<unsigned char>(d >> 8);
     data_[off + 2] = static_cast<unsigned char>(d >> 16);
@@ -66,10 +85,21 @@ class QEL_API QelBuffer : public QelRefObject {
   // Sets the size within the capacity (no zeroing, no growth); false beyond it.
   bool setSize(unsigned int n);
 
+  // Every change made through the member functions counts; a change made through
+  // data() or operator[] is made known with touch(), so that what was built from the
+  // bytes (a procedure's decoded code) is built again.
+  void touch() { ++version_; }
+  uint32_t version() const { return version_; }
+  QelBufferCache* cache() const { return cache_; }
+  // Keeps `cache` with the buffer, letting go of the one it had.
+  void setCache(QelBufferCache* cache);
+
  private:
   unsigned int size_;
   unsigned int capacity_;
   unsigned char* data_;
+  uint32_t version_ = 0;
+  QelBufferCache* cache_ = nullptr;
 };
 
 class QEL_API QelCharBuffer : public QelRefObject {

@@ -81,7 +81,7 @@ class QEL_API QelInterpreter : public QelVector {
  private:
   bool enterProc(QelProcInfo& record);
   void leaveProc(QelProcInfo& record);
-  bool run(QelProcInfo& record, const unsigned char* code, unsigned int codeSize);
+  bool run(QelProcInfo& record, QelBuffer& code);
   bool callValue(int n);
   QelClass* baseCallOwner(const QelChar* method, const QelClass* receiverClass) const;
   bool missingMethod(const QelChar* method);

@@ -130,8 +130,10 @@ inline bool qelIsObjectRef(QelValueType t) { return t >= QVT_BYTECODEREF && t <=
 class QEL_API QelValue {
  public:
   QelValue() : type_(QVT_NULL) { u_.bits = 0; }
-  QelValue(int32_t l) : type_(QVT_INTEGER) { u_.bits = 0; u_.l = l; }
-  QelValue(float f) : type_(QVT_FLOAT) { u_.bits = 0; u_.f = f; }
+  // The payload is written whole in one store (a part-written payload read back whole
+  // stalls the processor).
+  QelValue(int32_t l) : type_(QVT_INTEGER) { u_.bits = wordBits(l); }
+  QelValue(float f) : type_(QVT_FLOAT) { u_.bits = floatBits(f); }
   QelValue(double d) : type_(QVT_DOUBLE) { u_.d = d; }
   QelValue(void* file) : type_(QVT_FILE) { u_.p = file; }
   QelValue(QelNativeFunction fn) : type_(QVT_CODE) { u_.fn = fn; }
@@ -260,16 +262,14 @@ class QEL_API QelValue {
     QelValueType oldType = type_;
     QelRefObject* old = u_.o;
     type_ = QVT_INTEGER;
-    u_.bits = 0;
-    u_.l = l;
+    u_.bits = wordBits(l);
     let(oldType, old);
   }
   void setFloat(float f) {
     QelValueType oldType = type_;
     QelRefObject* old = u_.o;
     type_ = QVT_FLOAT;
-    u_.bits = 0;
-    u_.f = f;
+    u_.bits = floatBits(f);
     let(oldType, old);
   }
   void setDouble(double d) {
@@ -284,6 +284,13 @@ class QEL_API QelValue {
   // Types 0 to 5, QVT_VAR and QVT_CODEREF hold nothing on an object.
   static constexpr uint32_t kPlainTypes = 0x3Fu | (1u << QVT_VAR) | (1u << QVT_CODEREF);
   static int32_t truncToLong(double d);
+  // The payload of an integer or a float: the 32 bits first, the rest zero.
+  static uint64_t wordBits(int32_t l) { return static_cast<uint64_t>(static_cast<uint32_t>(l)); }
+  static uint64_t floatBits(float f) {
+    uint32_t bits;
+    __builtin_memcpy(&bits, &f, sizeof bits);
+    return bits;
+  }
   // Takes what this cell's type holds on its object: a count or a reference tally.
   void hold() const {
     if (qelOwnsCount(type_)) {

@@ -1,36 +1,38 @@
-// The dispatch loop: fetch an opcode, decode its operand, act on the value stack.
+// The dispatch loop: runs a procedure's decoded operations on the value stack.
 //
 // The loop keeps SP and the stack's storage in locals. Releasing a value can run a
 // script destructor, which pushes on this very stack and may move it; so every step
 // that can release a value, call out or fail first stores SP back into the
 // interpreter's cursor (SAVE) and afterwards reloads both (LOAD). Plain values, which
-// hold nothing on an object, are copied without either.
+// hold nothing on an object, are copied without either. Such a step may also have
+// changed the procedure's code (a script can write into a code buffer) or switched
+// tracing on: before the next operation the loop checks both, builds the decoded form
+// again from the bytes where they changed, and, while tracing or stepping, runs each
+// instruction alone, showing it to the debugger first, exactly as the code has it.
 #include <atomic>
 
+#include "exec/decoded.h"
 #include "exec/messages.h"
 #include "qel/debugger.h"
 #include "qel/interpreter.h"
 
 #if defined(__GNUC__)
 #define QEL_UNLIKELY(x) __builtin_expect(!!(x), 0)
+#define QEL_LIKELY(x) __builtin_expect(!!(x), 1)
 #else
 #define QEL_UNLIKELY(x) (x)
+#define QEL_LIKELY(x) (x)
 #endif
 
-namespace {
-
 using namespace qel;
+
+namespace {
 
 const QelValue kNil;
 
 // The stack never grows past this many slots (2 GiB): a runaway script fails with
 // "stack overflow" instead of exhausting the machine's memory.
 const uint64_t kMaxStackSlots = uint64_t(1) << 27;
-
-inline uint32_t readDW(const unsigned char* p) {
-  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
-         (static_cast<uint32_t>(p[3]) << 24);
-}
 
 inline int32_t wrapAdd(int32_t a, int32_t b) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
@@ -55,35 +57,117 @@ inline bool relationHolds(uint8_t op, int32_t c) {
   }
 }
 
+// The integer result of a fused operator or comparison on two integers.
+inline int32_t fusedResult(uint8_t op, int32_t a, int32_t b) {
+  switch (op) {
+    case OP_ADD: return wrapAdd(a, b);
+    case OP_SUB: return wrapDiff(a, b);
+    case OP_MUL: return wrapMul(a, b);
+    case OP_BAND: return a & b;
+    case OP_BOR: return a | b;
+    case OP_XOR: return a ^ b;
+    default: return relationHolds(op, wrapDiff(a, b)) ? 1 : 0;  // integers compare by their wrapping difference
+  }
+}
+
+// The value a fused load would read when that value is plain and the load cannot fail
+// (a literal in range, an argument below the count, any temporary); else null.
+inline const QelValue* plainLoad(uint8_t load, uint32_t index, const QelVector& proc, const QelValue* stk,
+                                 int fp, int bp, unsigned int nargs, unsigned int stackSize) {
+  const QelValue* v;
+  if (load == OP_LIT) {
+    if (index >= proc.size()) return nullptr;
+    v = &proc[index];
+  } else {
+    int64_t slot;
+    if (load == OP_AREF) {
+      if (index >= nargs) return nullptr;
+      slot = static_cast<int64_t>(bp) + 1 + index;
+      if (slot < 0) return nullptr;
+    } else {
+      slot = static_cast<int64_t>(fp) + 1 + index;
+    }
+    // A slot past the stack reads nil.
+    v = (slot >= 0 && slot < static_cast<int64_t>(stackSize)) ? &stk[slot] : &kNil;
+  }
+  return v->isPlain() ? v : nullptr;
+}
+
+// The decoded form the buffer keeps, built when missing or out of date (every form
+// starts at offset 0); the caller holds a count on it.
+DecodedCode* decodedFor(QelBuffer& buffer) {
+  DecodedCode* code = DecodedCode::of(buffer);
+  if (!code) {
+    code = DecodedCode::build(buffer);
+    buffer.setCache(code);
+  }
+  code->retain();
+  return code;
+}
+
+// The form for a code that changed under a running activation, which goes on at
+// (pc, width); the caller holds a count on it.
+DecodedCode* redecoded(QelBuffer& buffer, uint32_t pc, uint8_t width) {
+  DecodedCode* code = DecodedCode::of(buffer);
+  if (!code || code->find(pc, width) < 0) {
+    code = DecodedCode::build(buffer, pc, width);
+    buffer.setCache(code);
+  }
+  code->retain();
+  return code;
+}
+
+// Lets go of the activation's count on the form it runs, whichever that is at the end.
+struct Running {
+  DecodedCode* code;
+  ~Running() { code->release(); }
+};
+
 }  // namespace
 
-bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigned int codeSize) {
+bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
+  Running running{decodedFor(buffer)};
   QelVector& proc = *record.procedure();
   int sp = SP.current();
   QelValue* stk = data();
   const int bp = record.bp().current();
   int fp = record.fp().current();
   const unsigned int nargs = static_cast<unsigned int>(record.getNargs());
-  unsigned int pc = 0;
-  unsigned int width = 1;
+  const DecodedOp* ops = running.code->ops.data();
+  const DecodedOp* cur = nullptr;
+  uint32_t ip = 0;
   uint32_t operand = 0;
+  // Set after a step that may have changed the code or switched tracing on, and kept
+  // set while tracing: the next dispatch looks at both.
+  bool check = true;
 
 #if QEL_COMPUTED_GOTO
-#define DISPATCH_SWITCH goto* targets[op];
+#define DISPATCH_KIND(k) goto* targets[k];
+#define DISPATCH_FAST() goto* cur->handler;
+#define DISPATCH_PLAIN() goto* cur->plain;
 #define CASE(name) L_##name:
 #define DEFAULT_CASE L_default:
-#define NEXT() goto dispatch
 #else
-#define DISPATCH_SWITCH switch (op)
+#define DISPATCH_KIND(k) \
+  kind = (k);            \
+  goto run_kind;
+#define DISPATCH_FAST() DISPATCH_KIND(cur->kind)
+#define DISPATCH_PLAIN() DISPATCH_KIND(plainKind(*cur))
 #define CASE(name) case name:
 #define DEFAULT_CASE default:
-#define NEXT() break
 #endif
+#define GO(index)  \
+  do {             \
+    ip = (index);  \
+    goto dispatch; \
+  } while (0)
+#define NEXT() GO(cur->next)
 #define SAVE() SP.setIndex(sp)
 #define LOAD()          \
   do {                  \
     sp = SP.current();  \
     stk = data();       \
+    check = true;       \
   } while (0)
 #define TOP (stk[sp])
 #define FAIL(msg)                            \
@@ -130,23 +214,6 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
     ++sp;            \
     ENSURE_SLOT(sp); \
   } while (0)
-#define READ_INDEX()                                                   \
-  do {                                                                 \
-    if (QEL_UNLIKELY(pc + width > codeSize)) FAIL(kMsgOperandOutside); \
-    if (width == 1) {                                                  \
-      operand = code[pc];                                              \
-    } else if (width == 2) {                                           \
-      operand = static_cast<uint32_t>(code[pc] | (code[pc + 1] << 8)); \
-    } else {                                                           \
-      operand = readDW(code + pc);                                     \
-    }                                                                  \
-    pc += width;                                                       \
-  } while (0)
-#define READ_BRANCH()                                               \
-  do {                                                              \
-    if (QEL_UNLIKELY(pc + 4 > codeSize)) FAIL(kMsgOperandOutside);  \
-    operand = readDW(code + pc);                                    \
-  } while (0)
 #define NEED_OPERANDS(n) \
   if (QEL_UNLIKELY(sp < (n))) FAIL(kMsgStackCorrupted)
 #define BOTH_INTEGERS() (stk[sp - 1].getType() == QVT_INTEGER && TOP.getType() == QVT_INTEGER)
@@ -161,18 +228,27 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
   } else {                              \
     SLOW(slow());                       \
   }
+// The value a fused load reads, when it reads a plain value without failing; else null.
+#define PLAIN_LOAD(loadOp, index) plainLoad(loadOp, index, proc, stk, fp, bp, nargs, size())
 
 #if QEL_COMPUTED_GOTO
-  // One jump target per byte value, built once from the opcode list and published
-  // for every later call (a race between machines on two threads builds it twice).
+  // One jump target per kind, built once from the opcode list and published for every
+  // later call (a race between machines on two threads builds it twice).
   static std::atomic<const void* const*> published{nullptr};
   const void* const* targets = published.load(std::memory_order_acquire);
   if (QEL_UNLIKELY(!targets)) {
-    const void** table = new const void*[256];
-    for (int i = 0; i < 256; ++i) table[i] = &&L_default;
+    const void** table = new const void*[DK_KIND_COUNT];
+    for (int i = 0; i < DK_KIND_COUNT; ++i) table[i] = &&L_default;
 #define QEL_TARGET(name, value, kind) table[value] = &&L_##name;
     QEL_OPCODES(QEL_TARGET)
 #undef QEL_TARGET
+    table[DK_RAN_OFF] = &&L_DK_RAN_OFF;
+    table[DK_BAD_OPERAND] = &&L_DK_BAD_OPERAND;
+    table[DK_LOAD_PUSH] = &&L_DK_LOAD_PUSH;
+    table[DK_LOAD_LOAD_OP] = &&L_DK_LOAD_LOAD_OP;
+    table[DK_PUSH_LOAD_OP] = &&L_DK_PUSH_LOAD_OP;
+    table[DK_LOAD_LOAD_CMP_BR] = &&L_DK_LOAD_LOAD_CMP_BR;
+    table[DK_STEP_TEMPORARY] = &&L_DK_STEP_TEMPORARY;
     const void* const* expected = nullptr;
     if (published.compare_exchange_strong(expected, table, std::memory_order_acq_rel)) {
       targets = table;
@@ -181,39 +257,66 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
       targets = expected;
     }
   }
-#endif
-  uint8_t op;
-  for (;;) {
-#if QEL_COMPUTED_GOTO
-  dispatch:
-#endif
-    if (QEL_UNLIKELY(pc >= codeSize)) FAIL(kMsgRanOffCode);
-    op = code[pc];
-    if (QEL_UNLIKELY(trace_ || step_)) {
-      SAVE();
-      if (debugger_) {
-        debugger_->traceInstruction(SP, ValPtr(this, bp), ValPtr(this, fp), static_cast<unsigned char>(width),
-                                    const_cast<unsigned char*>(code), pc);
-      }
-      if (step_) step_ = vm_.dbgWait();
-      LOAD();
+  // Each form learns its jump targets once.
+  auto link = [targets](DecodedCode& code) {
+    for (DecodedOp& op : code.ops) {
+      op.handler = targets[op.kind];
+      op.plain = targets[plainKind(op)];
     }
-    ++pc;
-    DISPATCH_SWITCH {
+    code.linked = true;
+  };
+  if (!running.code->linked) link(*running.code);
+#else
+  unsigned int kind = 0;
+#endif
+
+  for (;;) {
+  dispatch:
+    cur = &ops[ip];
+    if (QEL_UNLIKELY(check)) {
+      if (!running.code->matches(buffer)) {
+        // The code changed under this activation: go on where it was, in the new code.
+        DecodedCode* fresh = redecoded(buffer, cur->pc, cur->width);
+        ip = static_cast<uint32_t>(fresh->find(cur->pc, cur->width));
+        running.code->release();
+        running.code = fresh;
+#if QEL_COMPUTED_GOTO
+        if (!fresh->linked) link(*fresh);
+#endif
+        ops = fresh->ops.data();
+        cur = &ops[ip];
+      }
+      check = trace_ || step_;
+      if (check) {
+        if (cur->kind != DK_RAN_OFF) {
+          SAVE();
+          if (debugger_) {
+            debugger_->traceInstruction(SP, ValPtr(this, bp), ValPtr(this, fp), cur->width,
+                                        running.code->bytes.data(), cur->pc);
+          }
+          if (step_) step_ = vm_.dbgWait();
+          LOAD();
+        }
+        DISPATCH_PLAIN();
+      }
+    }
+    DISPATCH_FAST();
+#if !QEL_COMPUTED_GOTO
+  run_kind:
+    switch (kind) {
+#endif
+      CASE(DK_RAN_OFF)
+        FAIL(kMsgRanOffCode);
+      CASE(DK_BAD_OPERAND)
+        FAIL(kMsgOperandOutside);
       CASE(OP_NOP)
         NEXT();
       CASE(OP_BRT)
-        READ_BRANCH();
-        pc = TOP.toLong() != 0 ? operand : pc + 4;
-        NEXT();
+        GO(TOP.toLong() != 0 ? cur->target : cur->next);
       CASE(OP_BRF)
-        READ_BRANCH();
-        pc = TOP.toLong() == 0 ? operand : pc + 4;
-        NEXT();
+        GO(TOP.toLong() == 0 ? cur->target : cur->next);
       CASE(OP_BR)
-        READ_BRANCH();
-        pc = operand;
-        NEXT();
+        GO(cur->target);
       CASE(OP_NIL)
         GUARDED(TOP.dispose());
         NEXT();
@@ -282,16 +385,16 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         if (BOTH_INTEGERS()) {
           // Integers compare by their wrapping difference.
           int32_t c = wrapDiff(stk[sp - 1].rawLong(), TOP.rawLong());
-          stk[sp - 1].rawLong() = relationHolds(op, c) ? 1 : 0;
+          stk[sp - 1].rawLong() = relationHolds(cur->op, c) ? 1 : 0;
           --sp;
         } else {
           SLOW(doCompare());
-          TOP.setLong(relationHolds(op, TOP.toLong()) ? 1 : 0);  // an integer: nothing to release
+          TOP.setLong(relationHolds(cur->op, TOP.toLong()) ? 1 : 0);  // an integer: nothing to release
         }
         NEXT();
       CASE(OP_INC)
       CASE(OP_DEC) {
-        int delta = op == OP_INC ? 1 : -1;
+        int delta = cur->op == OP_INC ? 1 : -1;
         if (TOP.getType() == QVT_INTEGER) {
           TOP.rawLong() = wrapAdd(TOP.rawLong(), delta);
         } else {
@@ -300,7 +403,7 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         NEXT();
       }
       CASE(OP_LIT)
-        READ_INDEX();
+        operand = cur->operand;
         if (QEL_UNLIKELY(operand >= proc.size())) FAIL(kMsgBadLiteral);
         ASSIGN(TOP, proc[operand]);
         NEXT();
@@ -308,19 +411,18 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         SAVE();
         return true;
       CASE(OP_CALL)
-        READ_INDEX();
-        SLOW(callValue(static_cast<int>(operand)));
+        SLOW(callValue(static_cast<int>(cur->operand)));
         NEXT();
       CASE(OP_REF)
       CASE(OP_SET) {
-        READ_INDEX();
+        operand = cur->operand;
         const QelValue& lit = operand < proc.size() ? proc[operand] : kNil;
         QelDictionaryEntry* var = lit;
         if (!var) {
           SAVE();
           return returnError(u"invalid variable reference ", getValueTypeName(lit.getType()));
         }
-        if (op == OP_REF) {
+        if (cur->op == OP_REF) {
           ASSIGN(TOP, var->getValue());
         } else {
           ASSIGN(var->value(), TOP);
@@ -337,13 +439,13 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         NEXT();
       CASE(OP_MREF)
       CASE(OP_MSET) {
-        READ_INDEX();
+        operand = cur->operand;
         QelObject* obj = (bp >= 0 && static_cast<unsigned>(bp) < size()) ? static_cast<QelObject*>(stk[bp]) : nullptr;
         if (!obj) FAIL(kMsgObjectExpected);
         QelVector* members = obj->getMemberData();
         if (!members) FAIL(kMsgMemberDataExpected);
         if (QEL_UNLIKELY(operand >= members->size())) FAIL(kMsgSubscript);
-        if (op == OP_MREF) {
+        if (cur->op == OP_MREF) {
           ASSIGN(TOP, (*members)[operand]);
         } else {
           QelValue keep(obj, false);  // the object outlives the store
@@ -353,11 +455,11 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
       }
       CASE(OP_AREF)
       CASE(OP_ASET) {
-        READ_INDEX();
+        operand = cur->operand;
         if (operand >= nargs) FAIL(kMsgTooFewArguments);
         int64_t slot = static_cast<int64_t>(bp) + 1 + operand;
         if (slot < 0) FAIL(kMsgSubscript);
-        if (op == OP_AREF) {
+        if (cur->op == OP_AREF) {
           ASSIGN(TOP, slot < static_cast<int64_t>(size()) ? stk[slot] : kNil);
         } else {
           ENSURE_SLOT(slot);
@@ -367,9 +469,8 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
       }
       CASE(OP_TREF)
       CASE(OP_TSET) {
-        READ_INDEX();
-        int64_t slot = static_cast<int64_t>(fp) + 1 + operand;
-        if (op == OP_TREF) {
+        int64_t slot = static_cast<int64_t>(fp) + 1 + cur->operand;
+        if (cur->op == OP_TREF) {
           // Temporaries are not bounds-tested; a slot past the stack reads nil.
           ASSIGN(TOP, (slot >= 0 && slot < static_cast<int64_t>(size())) ? stk[slot] : kNil);
         } else {
@@ -380,7 +481,7 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         NEXT();
       }
       CASE(OP_TSPACE)
-        READ_INDEX();
+        operand = cur->operand;
         if (QEL_UNLIKELY(operand > 65536)) FAIL(kMsgStackOverflow);
         fp = sp;
         for (uint32_t i = 0; i < operand; ++i) {
@@ -389,8 +490,7 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         }
         NEXT();
       CASE(OP_SEND)
-        READ_INDEX();
-        SLOW(send(static_cast<int>(operand), nullptr));
+        SLOW(send(static_cast<int>(cur->operand), nullptr));
         NEXT();
       CASE(OP_DUP2)
         NEED_OPERANDS(1);
@@ -421,34 +521,88 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
         if (debugger_) {
           if (!trace_ && !step_) debugger_->setCurrentProc(proc_);
           trace_ = true;
+          check = true;
         }
         NEXT();
       CASE(OP_TROFF)
         trace_ = false;
+        check = true;
         NEXT();
       CASE(OP_TRSTEP)
         if (debugger_) {
           if (!trace_ && !step_) debugger_->setCurrentProc(proc_);
           step_ = true;
+          check = true;
         }
         NEXT();
       CASE(OP_RBYTE)
-        width = 1;
-        NEXT();
       CASE(OP_RWORD)
-        width = 2;
-        NEXT();
       CASE(OP_RDWORD)
-        width = 4;
+        // The width is already applied to the operands that follow.
         NEXT();
+
+      // ---- Fused runs: the whole run at once on plain values, else its first instruction ----
+
+      CASE(DK_LOAD_PUSH) {
+        const QelValue* x = PLAIN_LOAD(cur->loadX, cur->x);
+        if (QEL_LIKELY(x && TOP.isPlain())) {
+          TOP.assignPlain(*x);
+          PUSH_SLOT();
+          GO(cur->after);
+        }
+        DISPATCH_PLAIN();
+      }
+      CASE(DK_LOAD_LOAD_OP)
+      CASE(DK_LOAD_LOAD_CMP_BR) {
+        const QelValue* x = PLAIN_LOAD(cur->loadX, cur->x);
+        const QelValue* y = PLAIN_LOAD(cur->loadY, cur->y);
+        // (y must not be the top itself: the run reads it after x is stored there.)
+        if (QEL_LIKELY(x && y && x->getType() == QVT_INTEGER && y->getType() == QVT_INTEGER && y != &TOP &&
+                       TOP.isPlain() && static_cast<unsigned>(sp) + 1 < size() && stk[sp + 1].isPlain())) {
+          int32_t a = x->lowWord(), b = y->lowWord();
+          stk[sp + 1].assignPlain(*y);  // the right operand stays in the slot above, as the run leaves it
+          TOP.assignPlain(QelValue(fusedResult(cur->binary, a, b)));
+          if (cur->kind == DK_LOAD_LOAD_OP) GO(cur->after);
+          bool taken = (TOP.rawLong() != 0) == (cur->branch == OP_BRT);
+          GO(taken ? cur->branchTarget : cur->after);
+        }
+        DISPATCH_PLAIN();
+      }
+      CASE(DK_PUSH_LOAD_OP) {
+        const QelValue* y = PLAIN_LOAD(cur->loadY, cur->y);
+        if (QEL_LIKELY(y && y->getType() == QVT_INTEGER && TOP.getType() == QVT_INTEGER &&
+                       static_cast<unsigned>(sp) + 1 < size() && stk[sp + 1].isPlain())) {
+          stk[sp + 1].assignPlain(*y);
+          TOP.rawLong() = fusedResult(cur->binary, TOP.rawLong(), y->lowWord());
+          GO(cur->after);
+        }
+        DISPATCH_PLAIN();
+      }
+      CASE(DK_STEP_TEMPORARY) {
+        int64_t slot = static_cast<int64_t>(fp) + 1 + cur->x;
+        if (QEL_LIKELY(slot >= 0 && slot < static_cast<int64_t>(size()) && slot <= static_cast<int64_t>(sp) + 65536 &&
+                       stk[slot].getType() == QVT_INTEGER && TOP.isPlain())) {
+          int32_t stepped = wrapAdd(stk[slot].rawLong(), cur->binary == OP_INC ? 1 : -1);
+          TOP.assignPlain(QelValue(stepped));
+          stk[slot].rawLong() = stepped;
+          GO(cur->after);
+        }
+        DISPATCH_PLAIN();
+      }
+
       DEFAULT_CASE
         // Bytes that are no opcode are skipped.
         NEXT();
+#if !QEL_COMPUTED_GOTO
     }
+#endif
   }
-#undef DISPATCH_SWITCH
+#undef DISPATCH_KIND
+#undef DISPATCH_FAST
+#undef DISPATCH_PLAIN
 #undef CASE
 #undef DEFAULT_CASE
+#undef GO
 #undef NEXT
 #undef SAVE
 #undef LOAD
@@ -459,9 +613,8 @@ bool QelInterpreter::run(QelProcInfo& record, const unsigned char* code, unsigne
 #undef ASSIGN
 #undef ENSURE_SLOT
 #undef PUSH_SLOT
-#undef READ_INDEX
-#undef READ_BRANCH
 #undef NEED_OPERANDS
 #undef BOTH_INTEGERS
 #undef INTEGER_BINARY
+#undef PLAIN_LOAD
 }

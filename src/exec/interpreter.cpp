@@ -125,7 +125,7 @@ bool QelInterpreter::call(int nargs, QelVector* byteCode) {
   int sp = SP.current();
   QelProcInfo record(byteCode, ValPtr(this, sp - nargs), ValPtr(this, sp), nargs);
   if (!enterProc(record)) return false;
-  bool ok = run(record, code->data(), code->size());
+  bool ok = run(record, *code);
   leaveProc(record);
   return ok;
 }

@@ -395,7 +395,9 @@ bool QelInterpreter::doOP_VSET() {
       case QVT_BUFFER:
       case QVT_BUFFERREF: {
         unsigned char b = static_cast<unsigned char>(value.toLong());
-        (*static_cast<QelBuffer*>(c))[i] = b;
+        QelBuffer* buffer = c;
+        (*buffer)[i] = b;
+        buffer->touch();  // the buffer may hold a procedure's code
         value = QelValue(static_cast<int32_t>(b));
         break;
       }

@@ -42,6 +42,7 @@ QelBuffer::QelBuffer(const QelBuffer& b) : QelRefObject(), size_(b.size_), capac
 
 QelBuffer& QelBuffer::operator=(const QelBuffer& b) {
   if (this == &b) return *this;
+  ++version_;
   unsigned char* block = allocZeroed<unsigned char>(b.capacity_);
   memcpy(block, b.data_, b.size_);
   free(data_);
@@ -51,9 +52,18 @@ QelBuffer& QelBuffer::operator=(const QelBuffer& b) {
   return *this;
 }
 
-QelBuffer::~QelBuffer() { free(data_); }
+QelBuffer::~QelBuffer() {
+  if (cache_) cache_->release();
+  free(data_);
+}
+
+void QelBuffer::setCache(QelBufferCache* cache) {
+  if (cache_) cache_->release();
+  cache_ = cache;
+}
 
 unsigned int QelBuffer::setCapacity(unsigned int n) {
+  ++version_;
   if (n == 0) n = 1;
   if (n < size_) n = size_;
   if (n != capacity_) {
@@ -65,18 +75,21 @@ unsigned int QelBuffer::setCapacity(unsigned int n) {
 
 unsigned char QelBuffer::pop_back() {
   if (size_ == 0) return 0;
+  ++version_;
   unsigned char b = data_[--size_];
   data_[size_] = 0;
   return b;
 }
 
 void QelBuffer::clear() {
+  ++version_;
   memset(data_, 0, size_);
   size_ = 0;
 }
 
 void QelBuffer::append(const unsigned char* bytes, unsigned int n) {
   if (n == 0) return;
+  ++version_;
   if (capacity_ < size_ + n) setCapacity(size_ + n);
   memmove(data_ + size_, bytes, n);
   size_ += n;
@@ -90,6 +103,7 @@ QelBuffer QelBuffer::operator+(const QelBuffer& b) const {
 }
 
 QelBuffer& QelBuffer::operator+=(const QelBuffer& b) {
+  ++version_;
   unsigned int n = b.size_;
   if (capacity_ < size_ + n) setCapacity(size_ + n);
   memmove(data_ + size_, b.data_, n);  // b may be this buffer
@@ -123,6 +137,7 @@ uint32_t QelBuffer::pop_backDW() {
 
 bool QelBuffer::setSize(unsigned int n) {
   if (n > capacity_) return false;
+  ++version_;
   size_ = n;
   return true;
 }
