@@ -29,14 +29,19 @@ namespace qel {
 enum DecodedKind : uint16_t {
   DK_RAN_OFF = 256,      // execution reached the end of the code
   DK_BAD_OPERAND,        // the instruction's operand lies beyond the code
-  // Fused runs ("L" is one of OP_TREF, OP_AREF, OP_LIT):
+  // Fused runs ("L" is one of OP_TREF, OP_AREF, OP_LIT; "op" a binary operator that
+  // cannot fail on two integers, or a comparison):
   DK_LOAD_PUSH,          // L x; OP_PUSH
-  DK_LOAD_LOAD_OP,       // L x; OP_PUSH; L y; binary operator or comparison
-  DK_PUSH_LOAD_OP,       // OP_PUSH; L y; binary operator or comparison
+  DK_LOAD_LOAD_OP,       // L x; OP_PUSH; L y; op
+  DK_PUSH_LOAD_OP,       // OP_PUSH; L y; op
   DK_LOAD_LOAD_CMP_BR,   // L x; OP_PUSH; L y; comparison; OP_BRT or OP_BRF
   DK_STEP_TEMPORARY,     // OP_TREF t; OP_INC or OP_DEC; OP_TSET t
+  DK_OP_STORE,           // op; OP_TSET t
   DK_KIND_COUNT
 };
+
+// Where a fused load reads: a temporary, an argument or a literal.
+enum LoadSource : uint8_t { LS_TEMPORARY, LS_ARGUMENT, LS_LITERAL };
 
 struct DecodedOp {
   const void* handler = nullptr;  // where the executor dispatches it (filled in by the executor)
@@ -50,11 +55,17 @@ struct DecodedOp {
   uint32_t target = 0;            // a branch's target operation
   // A fused run: the operation after the run, and the run's parts.
   uint32_t after = 0;
-  uint8_t loadX = 0, loadY = 0;   // the load opcodes of x and y
+  uint8_t srcX = 0, srcY = 0;     // where x and y are loaded from (a LoadSource)
   uint8_t binary = 0;             // the operator or comparison
   uint8_t branch = 0;             // OP_BRT or OP_BRF
   uint32_t x = 0, y = 0;          // the load operands
   uint32_t branchTarget = 0;      // where a fused branch goes when taken
+  // The same places as pointers, set once the form is complete; a fused run's exits
+  // skip plain branches they lead to.
+  const DecodedOp* nextOp = nullptr;
+  const DecodedOp* targetOp = nullptr;
+  const DecodedOp* afterOp = nullptr;
+  const DecodedOp* branchOp = nullptr;
 };
 
 // The instruction a decoded operation starts with, whatever it fuses.
@@ -95,6 +106,7 @@ class DecodedCode : public QelBufferCache {
   uint32_t decodeFrom(uint32_t pc, uint8_t width, std::vector<uint64_t>& work);
   uint32_t place(uint32_t pc, uint8_t width, std::vector<uint64_t>& work);
   void fuse();
+  void resolve();
 
   int refs_ = 1;
   uint32_t version_ = 0;

@@ -17,6 +17,10 @@ bool isLoad(uint16_t kind) { return kind == OP_TREF || kind == OP_AREF || kind =
 
 bool isComparison(uint16_t kind) { return kind >= OP_LT && kind <= OP_GT; }
 
+LoadSource sourceOf(uint16_t load) {
+  return load == OP_TREF ? LS_TEMPORARY : load == OP_AREF ? LS_ARGUMENT : LS_LITERAL;
+}
+
 // The binary instructions a fused run may end with: the integer operators that cannot
 // fail on two integers, and the comparisons.
 bool isFusedBinary(uint16_t kind) {
@@ -53,7 +57,26 @@ DecodedCode* DecodedCode::build(const QelBuffer& code, uint32_t resumePc, uint8_
     d->decodeFrom(static_cast<uint32_t>(key >> 8), static_cast<uint8_t>(key & 0xFF), work);
   }
   d->fuse();
+  d->resolve();
   return d;
+}
+
+// Turns positions into pointers. A fused run's exits go straight past plain branches,
+// which do nothing but jump (a few at most, so a loop of branches still ends).
+void DecodedCode::resolve() {
+  auto at = [this](uint32_t index) { return &ops[index]; };
+  auto skipBranches = [this, at](uint32_t index) {
+    for (int hops = 0; hops < 8 && ops[index].kind == OP_BR; ++hops) index = ops[index].target;
+    return at(index);
+  };
+  for (DecodedOp& op : ops) {
+    op.nextOp = at(op.next);
+    op.targetOp = at(op.target);
+    if (op.kind >= DK_LOAD_PUSH) {
+      op.afterOp = skipBranches(op.after);
+      op.branchOp = skipBranches(op.branchTarget);
+    }
+  }
 }
 
 int64_t DecodedCode::find(uint32_t pc, uint8_t width) const {
@@ -155,14 +178,14 @@ void DecodedCode::fuse() {
       int64_t binary = load >= 0 ? nextIf(static_cast<uint32_t>(load), isFusedBinary) : -1;
       if (binary < 0) {
         head.kind = DK_LOAD_PUSH;
-        head.loadX = head.op;
+        head.srcX = sourceOf(head.op);
         head.x = head.operand;
         head.after = ops[push].next;
         continue;
       }
-      head.loadX = head.op;
+      head.srcX = sourceOf(head.op);
       head.x = head.operand;
-      head.loadY = static_cast<uint8_t>(ops[load].kind);
+      head.srcY = sourceOf(ops[load].kind);
       head.y = ops[load].operand;
       head.binary = static_cast<uint8_t>(ops[binary].kind);
       int64_t branch = isComparison(ops[binary].kind)
@@ -179,12 +202,22 @@ void DecodedCode::fuse() {
       }
       continue;
     }
+    if (isFusedBinary(head.kind)) {
+      int64_t store = follows(i, OP_TSET);
+      if (store >= 0) {
+        head.kind = DK_OP_STORE;
+        head.binary = head.op;
+        head.x = ops[store].operand;
+        head.after = ops[store].next;
+      }
+      continue;
+    }
     if (head.kind == OP_PUSH) {
       int64_t load = nextIf(i, isLoad);
       int64_t binary = load >= 0 ? nextIf(static_cast<uint32_t>(load), isFusedBinary) : -1;
       if (binary < 0) continue;
       head.kind = DK_PUSH_LOAD_OP;
-      head.loadY = static_cast<uint8_t>(ops[load].kind);
+      head.srcY = sourceOf(ops[load].kind);
       head.y = ops[load].operand;
       head.binary = static_cast<uint8_t>(ops[binary].kind);
       head.after = ops[binary].next;

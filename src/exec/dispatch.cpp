@@ -70,28 +70,31 @@ inline int32_t fusedResult(uint8_t op, int32_t a, int32_t b) {
   }
 }
 
-// The value a fused load would read when that value is plain and the load cannot fail
-// (a literal in range, an argument below the count, any temporary); else null.
-inline const QelValue* plainLoad(uint8_t load, uint32_t index, const QelVector& proc, const QelValue* stk,
-                                 int fp, int bp, unsigned int nargs, unsigned int stackSize) {
-  const QelValue* v;
-  if (load == OP_LIT) {
-    if (index >= proc.size()) return nullptr;
-    v = &proc[index];
-  } else {
-    int64_t slot;
-    if (load == OP_AREF) {
-      if (index >= nargs) return nullptr;
-      slot = static_cast<int64_t>(bp) + 1 + index;
-      if (slot < 0) return nullptr;
-    } else {
-      slot = static_cast<int64_t>(fp) + 1 + index;
-    }
-    // A slot past the stack reads nil.
-    v = (slot >= 0 && slot < static_cast<int64_t>(stackSize)) ? &stk[slot] : &kNil;
+// Where fused loads read in the running activation (temporaries, arguments, literals)
+// and how many of each can be read there without a check failing. Refreshed whenever
+// the stack may have moved or grown, or the temporaries' base changed; a count that
+// lags behind only sends a load down the slower path.
+struct Sources {
+  QelValue* base[3];
+  uint64_t count[3];
+
+  void refresh(QelValue* stk, unsigned int stackSize, int fp, int bp, unsigned int nargs, QelVector& proc) {
+    auto span = [stackSize](int64_t first) {
+      return first >= 0 && first < static_cast<int64_t>(stackSize) ? static_cast<uint64_t>(stackSize - first) : 0;
+    };
+    base[LS_TEMPORARY] = stk + (fp + 1);
+    count[LS_TEMPORARY] = span(static_cast<int64_t>(fp) + 1);
+    base[LS_ARGUMENT] = stk + (bp + 1);
+    uint64_t args = span(static_cast<int64_t>(bp) + 1);
+    count[LS_ARGUMENT] = args < nargs ? args : nargs;
+    base[LS_LITERAL] = proc.data();
+    count[LS_LITERAL] = proc.size();
   }
-  return v->isPlain() ? v : nullptr;
-}
+  // The value at `index` of a source, or null where the plain load would not find it.
+  const QelValue* at(uint8_t source, uint32_t index) const {
+    return index < count[source] ? base[source] + index : nullptr;
+  }
+};
 
 // The decoded form the buffer keeps, built when missing or out of date (every form
 // starts at offset 0); the caller holds a count on it.
@@ -133,12 +136,11 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
   const int bp = record.bp().current();
   int fp = record.fp().current();
   const unsigned int nargs = static_cast<unsigned int>(record.getNargs());
-  const DecodedOp* ops = running.code->ops.data();
-  const DecodedOp* cur = nullptr;
-  uint32_t ip = 0;
+  const DecodedOp* cur = running.code->ops.data();
   uint32_t operand = 0;
-  // Set after a step that may have changed the code or switched tracing on, and kept
-  // set while tracing: the next dispatch looks at both.
+  Sources sources;
+  // Set after a step that may have changed the code, moved the stack or switched
+  // tracing on, and kept set while tracing: the next dispatch looks at all three.
   bool check = true;
 
 #if QEL_COMPUTED_GOTO
@@ -156,12 +158,12 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
 #define CASE(name) case name:
 #define DEFAULT_CASE default:
 #endif
-#define GO(index)  \
+#define GO(op)     \
   do {             \
-    ip = (index);  \
+    cur = (op);    \
     goto dispatch; \
   } while (0)
-#define NEXT() GO(cur->next)
+#define NEXT() GO(cur->nextOp)
 #define SAVE() SP.setIndex(sp)
 #define LOAD()          \
   do {                  \
@@ -169,6 +171,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     stk = data();       \
     check = true;       \
   } while (0)
+#define REFRESH() sources.refresh(stk, size(), fp, bp, nargs, proc)
 #define TOP (stk[sp])
 #define FAIL(msg)                            \
   do {                                       \
@@ -190,12 +193,17 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     stmt;             \
     LOAD();           \
   } while (0)
+// Over a plain value nothing is released, so nothing can run meanwhile.
 #define ASSIGN(dst, src)                         \
   do {                                           \
     QelValue& d_ = (dst);                        \
     const QelValue& s_ = (src);                  \
-    if (d_.isPlain() && s_.isPlain()) {          \
-      d_.assignPlain(s_);                        \
+    if (d_.isPlain()) {                          \
+      if (s_.isPlain()) {                        \
+        d_.assignPlain(s_);                      \
+      } else {                                   \
+        d_ = s_;                                 \
+      }                                          \
     } else {                                     \
       QelValue t_(s_);                           \
       GUARDED(d_ = std::move(t_));               \
@@ -207,6 +215,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       if (static_cast<uint64_t>(i) >= kMaxStackSlots) FAIL(kMsgStackOverflow); \
       while (static_cast<unsigned>(i) >= size()) push_null();                \
       stk = data();                                                          \
+      check = true;                                                          \
     }                                                                        \
   } while (0)
 #define PUSH_SLOT()  \
@@ -229,7 +238,6 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     SLOW(slow());                       \
   }
 // The value a fused load reads, when it reads a plain value without failing; else null.
-#define PLAIN_LOAD(loadOp, index) plainLoad(loadOp, index, proc, stk, fp, bp, nargs, size())
 
 #if QEL_COMPUTED_GOTO
   // One jump target per kind, built once from the opcode list and published for every
@@ -249,6 +257,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     table[DK_PUSH_LOAD_OP] = &&L_DK_PUSH_LOAD_OP;
     table[DK_LOAD_LOAD_CMP_BR] = &&L_DK_LOAD_LOAD_CMP_BR;
     table[DK_STEP_TEMPORARY] = &&L_DK_STEP_TEMPORARY;
+    table[DK_OP_STORE] = &&L_DK_OP_STORE;
     const void* const* expected = nullptr;
     if (published.compare_exchange_strong(expected, table, std::memory_order_acq_rel)) {
       targets = table;
@@ -272,20 +281,19 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
 
   for (;;) {
   dispatch:
-    cur = &ops[ip];
     if (QEL_UNLIKELY(check)) {
       if (!running.code->matches(buffer)) {
         // The code changed under this activation: go on where it was, in the new code.
         DecodedCode* fresh = redecoded(buffer, cur->pc, cur->width);
-        ip = static_cast<uint32_t>(fresh->find(cur->pc, cur->width));
+        int64_t at = fresh->find(cur->pc, cur->width);
         running.code->release();
         running.code = fresh;
 #if QEL_COMPUTED_GOTO
         if (!fresh->linked) link(*fresh);
 #endif
-        ops = fresh->ops.data();
-        cur = &ops[ip];
+        cur = &fresh->ops[static_cast<size_t>(at)];
       }
+      REFRESH();
       check = trace_ || step_;
       if (check) {
         if (cur->kind != DK_RAN_OFF) {
@@ -312,11 +320,11 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       CASE(OP_NOP)
         NEXT();
       CASE(OP_BRT)
-        GO(TOP.toLong() != 0 ? cur->target : cur->next);
+        GO(TOP.toLong() != 0 ? cur->targetOp : cur->nextOp);
       CASE(OP_BRF)
-        GO(TOP.toLong() == 0 ? cur->target : cur->next);
+        GO(TOP.toLong() == 0 ? cur->targetOp : cur->nextOp);
       CASE(OP_BR)
-        GO(cur->target);
+        GO(cur->targetOp);
       CASE(OP_NIL)
         GUARDED(TOP.dispose());
         NEXT();
@@ -484,6 +492,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         operand = cur->operand;
         if (QEL_UNLIKELY(operand > 65536)) FAIL(kMsgStackOverflow);
         fp = sp;
+        check = true;
         for (uint32_t i = 0; i < operand; ++i) {
           PUSH_SLOT();
           if (!TOP.isNull()) GUARDED(TOP.dispose());
@@ -544,48 +553,61 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       // ---- Fused runs: the whole run at once on plain values, else its first instruction ----
 
       CASE(DK_LOAD_PUSH) {
-        const QelValue* x = PLAIN_LOAD(cur->loadX, cur->x);
-        if (QEL_LIKELY(x && TOP.isPlain())) {
+        const QelValue* x = sources.at(cur->srcX, cur->x);
+        if (QEL_LIKELY(x && x->isPlain() && TOP.isPlain())) {
           TOP.assignPlain(*x);
           PUSH_SLOT();
-          GO(cur->after);
+          GO(cur->afterOp);
         }
         DISPATCH_PLAIN();
       }
       CASE(DK_LOAD_LOAD_OP)
       CASE(DK_LOAD_LOAD_CMP_BR) {
-        const QelValue* x = PLAIN_LOAD(cur->loadX, cur->x);
-        const QelValue* y = PLAIN_LOAD(cur->loadY, cur->y);
+        const QelValue* x = sources.at(cur->srcX, cur->x);
+        const QelValue* y = sources.at(cur->srcY, cur->y);
         // (y must not be the top itself: the run reads it after x is stored there.)
         if (QEL_LIKELY(x && y && x->getType() == QVT_INTEGER && y->getType() == QVT_INTEGER && y != &TOP &&
                        TOP.isPlain() && static_cast<unsigned>(sp) + 1 < size() && stk[sp + 1].isPlain())) {
           int32_t a = x->lowWord(), b = y->lowWord();
           stk[sp + 1].assignPlain(*y);  // the right operand stays in the slot above, as the run leaves it
-          TOP.assignPlain(QelValue(fusedResult(cur->binary, a, b)));
-          if (cur->kind == DK_LOAD_LOAD_OP) GO(cur->after);
-          bool taken = (TOP.rawLong() != 0) == (cur->branch == OP_BRT);
-          GO(taken ? cur->branchTarget : cur->after);
+          int32_t r = fusedResult(cur->binary, a, b);
+          TOP.assignPlain(QelValue(r));
+          if (cur->kind == DK_LOAD_LOAD_OP) GO(cur->afterOp);
+          GO((r != 0) == (cur->branch == OP_BRT) ? cur->branchOp : cur->afterOp);
         }
         DISPATCH_PLAIN();
       }
       CASE(DK_PUSH_LOAD_OP) {
-        const QelValue* y = PLAIN_LOAD(cur->loadY, cur->y);
+        const QelValue* y = sources.at(cur->srcY, cur->y);
         if (QEL_LIKELY(y && y->getType() == QVT_INTEGER && TOP.getType() == QVT_INTEGER &&
                        static_cast<unsigned>(sp) + 1 < size() && stk[sp + 1].isPlain())) {
           stk[sp + 1].assignPlain(*y);
           TOP.rawLong() = fusedResult(cur->binary, TOP.rawLong(), y->lowWord());
-          GO(cur->after);
+          GO(cur->afterOp);
         }
         DISPATCH_PLAIN();
       }
       CASE(DK_STEP_TEMPORARY) {
-        int64_t slot = static_cast<int64_t>(fp) + 1 + cur->x;
-        if (QEL_LIKELY(slot >= 0 && slot < static_cast<int64_t>(size()) && slot <= static_cast<int64_t>(sp) + 65536 &&
-                       stk[slot].getType() == QVT_INTEGER && TOP.isPlain())) {
-          int32_t stepped = wrapAdd(stk[slot].rawLong(), cur->binary == OP_INC ? 1 : -1);
+        QelValue* t = const_cast<QelValue*>(sources.at(LS_TEMPORARY, cur->x));
+        if (QEL_LIKELY(t && t->getType() == QVT_INTEGER && TOP.isPlain() && cur->x <= 65536)) {
+          int32_t stepped = wrapAdd(t->rawLong(), cur->binary == OP_INC ? 1 : -1);
           TOP.assignPlain(QelValue(stepped));
-          stk[slot].rawLong() = stepped;
-          GO(cur->after);
+          t->rawLong() = stepped;
+          GO(cur->afterOp);
+        }
+        DISPATCH_PLAIN();
+      }
+      CASE(DK_OP_STORE) {
+        // The store's slot test: a temporary far above the top is an error, left to the
+        // instructions themselves.
+        QelValue* t = const_cast<QelValue*>(sources.at(LS_TEMPORARY, cur->x));
+        if (QEL_LIKELY(sp >= 1 && BOTH_INTEGERS() && t && t->isPlain() &&
+                       static_cast<int64_t>(fp) + 1 + cur->x <= static_cast<int64_t>(sp) - 1 + 65536)) {
+          int32_t r = fusedResult(cur->binary, stk[sp - 1].rawLong(), TOP.rawLong());
+          --sp;
+          TOP.assignPlain(QelValue(r));
+          t->assignPlain(TOP);
+          GO(cur->afterOp);
         }
         DISPATCH_PLAIN();
       }
@@ -616,5 +638,5 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
 #undef NEED_OPERANDS
 #undef BOTH_INTEGERS
 #undef INTEGER_BINARY
-#undef PLAIN_LOAD
+#undef REFRESH
 }

@@ -116,17 +116,21 @@ void QelInterpreter::leaveProc(QelProcInfo& record) {
 }
 
 bool QelInterpreter::call(int nargs, QelVector* byteCode) {
-  if (!isProcedure(byteCode)) return returnError(u"no bytecode: ", u"interpret(QelVector* byteCode)\n");
+  QelBuffer* code = isProcedure(byteCode) ? static_cast<QelBuffer*>((*byteCode)[0]) : nullptr;
+  if (!code) return returnError(u"no bytecode: ", u"interpret(QelVector* byteCode)\n");
   // The procedure and its code stay alive while they run, even if the script
   // redefines the function meanwhile.
-  QelValue keepProc(byteCode, true, false);
-  QelValue keepCode((*byteCode)[0]);
-  QelBuffer* code = keepCode;
+  byteCode->addRef();
+  code->addRef();
   int sp = SP.current();
   QelProcInfo record(byteCode, ValPtr(this, sp - nargs), ValPtr(this, sp), nargs);
-  if (!enterProc(record)) return false;
-  bool ok = run(record, *code);
-  leaveProc(record);
+  bool ok = false;
+  if (enterProc(record)) {
+    ok = run(record, *code);
+    leaveProc(record);
+  }
+  code->release();
+  byteCode->release();
   return ok;
 }
 
@@ -142,31 +146,34 @@ void QelInterpreter::popTo(int slot) {
 bool QelInterpreter::callValue(int n) {
   int frame = SP.current() - n;
   if (frame < 0) return returnError(kMsgStackCorrupted, nullptr);
-  QelValue callee((*this)[frame]);
+  // The callee stays in its slot while it runs; a procedure holds itself alive.
+  const QelValue& callee = (*this)[frame];
+  QelValueType type = callee.getType();
   bool ok;
-  switch (callee.getType()) {
+  switch (type) {
     case QVT_CODE:
     case QVT_CODEREF: {
       QelNativeFunction fn = reinterpret_cast<QelNativeFunction>(callee.ptr());
-      if (!fn) return returnError(u"call to non-procedure, type ", getValueTypeName(callee.getType()));
+      if (!fn) return returnError(u"call to non-procedure, type ", getValueTypeName(type));
       ok = fn(&vm_, n, SP);
       break;
     }
     case QVT_BYTECODE:
     case QVT_BYTECODEREF:
-      ok = call(n, callee);
+      ok = call(n, static_cast<QelVector*>(callee.getRef()));
       break;
     case QVT_OBJECT:
     case QVT_OBJECTREF:
       ok = send(n, u"OP_CALL");
       break;
     default:
-      return returnError(u"call to non-procedure, type ", getValueTypeName(callee.getType()));
+      return returnError(u"call to non-procedure, type ", getValueTypeName(type));
   }
   if (!ok) return false;
   int sp = SP.current();
   if (frame < sp) {
-    (*this)[frame] = (*this)[sp];
+    // The slot above is dropped next: the result moves down rather than being copied.
+    (*this)[frame] = std::move((*this)[sp]);
     popTo(frame);
   } else if (frame > sp) {
     return returnError(kMsgStackCorrupted, nullptr);
