@@ -11,6 +11,7 @@
 #include "qel/vm.h"
 
 class QelDebugger;
+struct QelCallFrames;
 
 // The activation record of one running procedure. Records live as long as the call
 // that made them and link to the caller's record through `parent`.
@@ -82,6 +83,7 @@ class QEL_API QelInterpreter : public QelVector {
   bool enterProc(QelProcInfo& record);
   void leaveProc(QelProcInfo& record);
   bool run(QelProcInfo& record, QelBuffer& code);
+  void dropFrames();
   bool callValue(int n);
   QelClass* baseCallOwner(const QelChar* method, const QelClass* receiverClass) const;
   bool missingMethod(const QelChar* method);
@@ -120,4 +122,5 @@ class QEL_API QelInterpreter : public QelVector {
   bool trace_;
   bool step_;
   int depth_;
+  QelCallFrames* frames_ = nullptr;  // callers waiting in the dispatch loop
 };

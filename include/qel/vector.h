@@ -44,7 +44,9 @@ class QEL_API QelVector : public QelRefObject {
   }
   QelValue pop_back();
   // Disposes elements from the end until the size is n (n <= size).
-  void truncate(unsigned int n);
+  void truncate(unsigned int n) {
+    while (size_ > n) data_[--size_].dispose();
+  }
   ValPtr first();
   ValPtr last();
   void clear();

@@ -10,6 +10,8 @@
 // again from the bytes where they changed, and, while tracing or stepping, runs each
 // instruction alone, showing it to the debugger first, exactly as the code has it.
 #include <atomic>
+#include <memory>
+#include <vector>
 
 #include "exec/decoded.h"
 #include "exec/messages.h"
@@ -120,27 +122,80 @@ DecodedCode* redecoded(QelBuffer& buffer, uint32_t pc, uint8_t width) {
   return code;
 }
 
-// Lets go of the activation's count on the form it runs, whichever that is at the end.
-struct Running {
-  DecodedCode* code;
-  ~Running() { code->release(); }
-};
+// The procedure a call would run, when it is one (code with data); else null.
+QelVector* calledProcedure(const QelValue& callee) {
+  QelValueType t = callee.getType();
+  if (t != QVT_BYTECODE && t != QVT_BYTECODEREF) return nullptr;
+  QelVector* proc = static_cast<QelVector*>(callee.getRef());
+  if (!proc || proc->size() <= 2) return nullptr;
+  QelBuffer* code = (*proc)[0];
+  return code && code->size() > 0 ? proc : nullptr;
+}
+
+// The vector an owning value holds when another owner keeps it alive too; else null.
+inline QelVector* sharedVector(const QelValue& v) {
+  if (v.getType() != QVT_VECTOR) return nullptr;
+  QelVector* vec = static_cast<QelVector*>(v.getRef());
+  return vec && vec->getRefCnt() > 1 ? vec : nullptr;
+}
 
 }  // namespace
 
+// A script procedure called from a running one runs in the same loop: its caller's
+// state waits in a frame until it returns. Frames come in blocks that stay in place,
+// since the activation records inside them are linked to one another.
+struct QelCallFrames {
+  struct Frame {
+    QelProcInfo record{nullptr, ValPtr(), ValPtr(), 0};  // the callee's
+    // The caller's state, restored when the callee returns.
+    QelProcInfo* callerRecord;
+    QelVector* callerProc;
+    QelBuffer* callerBuffer;
+    DecodedCode* callerCode;
+    int callerBp, callerFp;
+    unsigned int callerNargs;
+    const DecodedOp* resume;  // the caller's OP_CALL
+    int frameSlot;            // where the callee stood; its result goes there
+  };
+  static const size_t kBlock = 64;
+
+  Frame& push() {
+    if (used == blocks.size() * kBlock) blocks.emplace_back(new Frame[kBlock]);
+    ++used;
+    return top();
+  }
+  Frame& top() { return blocks[(used - 1) / kBlock][(used - 1) % kBlock]; }
+  void pop() { --used; }
+
+  std::vector<std::unique_ptr<Frame[]>> blocks;
+  size_t used = 0;
+};
+
+void QelInterpreter::dropFrames() {
+  delete frames_;
+  frames_ = nullptr;
+}
+
 bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
-  Running running{decodedFor(buffer)};
-  QelVector& proc = *record.procedure();
+  if (!frames_) frames_ = new QelCallFrames();
+  QelCallFrames& frames = *frames_;
+  const size_t frameBase = frames.used;
+  // The running activation.
+  QelProcInfo* rec = &record;
+  QelVector* procp = record.procedure();
+  QelBuffer* buf = &buffer;
+  DecodedCode* code = decodedFor(buffer);
+  int bp = record.bp().current();
+  int fp = record.fp().current();
+  unsigned int nargs = static_cast<unsigned int>(record.getNargs());
   int sp = SP.current();
   QelValue* stk = data();
-  const int bp = record.bp().current();
-  int fp = record.fp().current();
-  const unsigned int nargs = static_cast<unsigned int>(record.getNargs());
-  const DecodedOp* cur = running.code->ops.data();
+  const DecodedOp* cur = code->ops.data();
   uint32_t operand = 0;
   Sources sources;
-  // Set after a step that may have changed the code, moved the stack or switched
-  // tracing on, and kept set while tracing: the next dispatch looks at all three.
+  bool stale = true;  // the sources must be refreshed before a fused load reads them
+  // Set after a step that may have changed the code or switched tracing on, and kept
+  // set while tracing: the next dispatch looks at both.
   bool check = true;
 
 #if QEL_COMPUTED_GOTO
@@ -170,13 +225,39 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     sp = SP.current();  \
     stk = data();       \
     check = true;       \
+    stale = true;       \
   } while (0)
-#define REFRESH() sources.refresh(stk, size(), fp, bp, nargs, proc)
+#define REFRESH() sources.refresh(stk, size(), fp, bp, nargs, *procp)
+#define FRESH_SOURCES()            \
+  do {                             \
+    if (QEL_UNLIKELY(stale)) {     \
+      REFRESH();                   \
+      stale = false;               \
+    }                              \
+  } while (0)
+#define PROC (*procp)
+// Ends a callee run in this loop (as a call ends: its record, then its code and
+// procedure let go) and takes the caller's state back from its frame.
+#define LEAVE_CALLEE(f)       \
+  do {                        \
+    leaveProc(*rec);          \
+    code->release();          \
+    buf->release();           \
+    procp->release();         \
+    rec = (f).callerRecord;   \
+    procp = (f).callerProc;   \
+    buf = (f).callerBuffer;   \
+    code = (f).callerCode;    \
+    bp = (f).callerBp;        \
+    fp = (f).callerFp;        \
+    nargs = (f).callerNargs;  \
+  } while (0)
 #define TOP (stk[sp])
 #define FAIL(msg)                            \
   do {                                       \
     SAVE();                                  \
-    return returnError(msg, nullptr);        \
+    returnError(msg, nullptr);               \
+    goto failed;                             \
   } while (0)
 // Runs an operation that works on the interpreter's cursor.
 #define SLOW(call)        \
@@ -184,7 +265,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     SAVE();               \
     bool ok_ = (call);    \
     LOAD();               \
-    if (!ok_) return false; \
+    if (!ok_) goto failed; \
   } while (0)
 // A statement that may release a value.
 #define GUARDED(stmt) \
@@ -215,7 +296,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       if (static_cast<uint64_t>(i) >= kMaxStackSlots) FAIL(kMsgStackOverflow); \
       while (static_cast<unsigned>(i) >= size()) push_null();                \
       stk = data();                                                          \
-      check = true;                                                          \
+      stale = true;                                                          \
     }                                                                        \
   } while (0)
 #define PUSH_SLOT()  \
@@ -274,7 +355,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     }
     code.linked = true;
   };
-  if (!running.code->linked) link(*running.code);
+  if (!code->linked) link(*code);
 #else
   unsigned int kind = 0;
 #endif
@@ -282,25 +363,24 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
   for (;;) {
   dispatch:
     if (QEL_UNLIKELY(check)) {
-      if (!running.code->matches(buffer)) {
+      if (!code->matches(*buf)) {
         // The code changed under this activation: go on where it was, in the new code.
-        DecodedCode* fresh = redecoded(buffer, cur->pc, cur->width);
+        DecodedCode* fresh = redecoded(*buf, cur->pc, cur->width);
         int64_t at = fresh->find(cur->pc, cur->width);
-        running.code->release();
-        running.code = fresh;
+        code->release();
+        code = fresh;
 #if QEL_COMPUTED_GOTO
         if (!fresh->linked) link(*fresh);
 #endif
         cur = &fresh->ops[static_cast<size_t>(at)];
       }
-      REFRESH();
       check = trace_ || step_;
       if (check) {
         if (cur->kind != DK_RAN_OFF) {
           SAVE();
           if (debugger_) {
             debugger_->traceInstruction(SP, ValPtr(this, bp), ValPtr(this, fp), cur->width,
-                                        running.code->bytes.data(), cur->pc);
+                                        code->bytes.data(), cur->pc);
           }
           if (step_) step_ = vm_.dbgWait();
           LOAD();
@@ -412,23 +492,78 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       }
       CASE(OP_LIT)
         operand = cur->operand;
-        if (QEL_UNLIKELY(operand >= proc.size())) FAIL(kMsgBadLiteral);
-        ASSIGN(TOP, proc[operand]);
+        if (QEL_UNLIKELY(operand >= PROC.size())) FAIL(kMsgBadLiteral);
+        ASSIGN(TOP, PROC[operand]);
         NEXT();
-      CASE(OP_RETURN)
+      CASE(OP_RETURN) {
         SAVE();
-        return true;
-      CASE(OP_CALL)
-        SLOW(callValue(static_cast<int>(cur->operand)));
+        if (frames.used == frameBase) {
+          code->release();
+          return true;
+        }
+        // Back to the caller: as when a call returns, the result takes the callee's
+        // slot and the stack ends there.
+        QelCallFrames::Frame& f = frames.top();
+        LEAVE_CALLEE(f);
+        frames.pop();
+        const DecodedOp* resume = f.resume;
+        int frame = f.frameSlot;
+        LOAD();
+        if (frame < sp) {
+          GUARDED(stk[frame] = std::move(stk[sp]));
+          GUARDED(popTo(frame));
+        } else if (frame > sp) {
+          FAIL(kMsgStackCorrupted);
+        }
+        GO(resume->nextOp);
+      }
+      CASE(OP_CALL) {
+        int n = static_cast<int>(cur->operand);
+        int frame = sp - n;
+        QelVector* callee = frame >= 0 ? calledProcedure(stk[frame]) : nullptr;
+        if (callee && depth_ < kMaxCallDepth) {
+          // A script procedure runs here: the caller waits in a frame.
+          QelCallFrames::Frame& f = frames.push();
+          f.callerRecord = rec;
+          f.callerProc = procp;
+          f.callerBuffer = buf;
+          f.callerCode = code;
+          f.callerBp = bp;
+          f.callerFp = fp;
+          f.callerNargs = nargs;
+          f.resume = cur;
+          f.frameSlot = frame;
+          procp = callee;
+          buf = (*callee)[0];
+          callee->addRef();
+          buf->addRef();
+          f.record = QelProcInfo(callee, ValPtr(this, frame), ValPtr(this, sp), n);
+          rec = &f.record;
+          SAVE();
+          enterProc(f.record);
+          code = decodedFor(*buf);
+#if QEL_COMPUTED_GOTO
+          if (!code->linked) link(*code);
+#endif
+          bp = frame;
+          fp = sp;
+          nargs = static_cast<unsigned int>(n);
+          check = true;
+          stale = true;
+          GO(code->ops.data());
+        }
+        SLOW(callValue(n));
         NEXT();
+      }
       CASE(OP_REF)
       CASE(OP_SET) {
         operand = cur->operand;
-        const QelValue& lit = operand < proc.size() ? proc[operand] : kNil;
+        const QelValue& lit = operand < PROC.size() ? PROC[operand] : kNil;
         QelDictionaryEntry* var = lit;
         if (!var) {
           SAVE();
-          return returnError(u"invalid variable reference ", getValueTypeName(lit.getType()));
+          returnError(u"invalid variable reference ", getValueTypeName(lit.getType()));
+          goto failed;
         }
         if (cur->op == OP_REF) {
           ASSIGN(TOP, var->getValue());
@@ -437,14 +572,39 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         }
         NEXT();
       }
-      CASE(OP_VREF)
+      CASE(OP_VREF) {
         NEED_OPERANDS(1);
+        // A plain element of a vector held elsewhere too: no count can reach 0 here.
+        QelVector* v = sharedVector(stk[sp - 1]);
+        if (v && TOP.getType() == QVT_INTEGER && static_cast<uint32_t>(TOP.lowWord()) < v->size()) {
+          const QelValue& e = (*v)[static_cast<uint32_t>(TOP.lowWord())];
+          if (e.isPlain()) {
+            v->release();
+            stk[sp - 1].assignPlain(e);
+            --sp;
+            NEXT();
+          }
+        }
         SLOW(doOP_VREF());
         NEXT();
-      CASE(OP_VSET)
+      }
+      CASE(OP_VSET) {
         NEED_OPERANDS(2);
+        QelVector* v = sharedVector(stk[sp - 2]);
+        if (v && stk[sp - 1].getType() == QVT_INTEGER && static_cast<uint32_t>(stk[sp - 1].lowWord()) < v->size() &&
+            TOP.isPlain()) {
+          QelValue& e = (*v)[static_cast<uint32_t>(stk[sp - 1].lowWord())];
+          if (e.isPlain()) {
+            e.assignPlain(TOP);
+            v->release();
+            stk[sp - 2].assignPlain(TOP);
+            sp -= 2;
+            NEXT();
+          }
+        }
         SLOW(doOP_VSET());
         NEXT();
+      }
       CASE(OP_MREF)
       CASE(OP_MSET) {
         operand = cur->operand;
@@ -492,7 +652,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         operand = cur->operand;
         if (QEL_UNLIKELY(operand > 65536)) FAIL(kMsgStackOverflow);
         fp = sp;
-        check = true;
+        stale = true;
         for (uint32_t i = 0; i < operand; ++i) {
           PUSH_SLOT();
           if (!TOP.isNull()) GUARDED(TOP.dispose());
@@ -553,6 +713,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       // ---- Fused runs: the whole run at once on plain values, else its first instruction ----
 
       CASE(DK_LOAD_PUSH) {
+        FRESH_SOURCES();
         const QelValue* x = sources.at(cur->srcX, cur->x);
         if (QEL_LIKELY(x && x->isPlain() && TOP.isPlain())) {
           TOP.assignPlain(*x);
@@ -563,6 +724,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       }
       CASE(DK_LOAD_LOAD_OP)
       CASE(DK_LOAD_LOAD_CMP_BR) {
+        FRESH_SOURCES();
         const QelValue* x = sources.at(cur->srcX, cur->x);
         const QelValue* y = sources.at(cur->srcY, cur->y);
         // (y must not be the top itself: the run reads it after x is stored there.)
@@ -578,6 +740,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         DISPATCH_PLAIN();
       }
       CASE(DK_PUSH_LOAD_OP) {
+        FRESH_SOURCES();
         const QelValue* y = sources.at(cur->srcY, cur->y);
         if (QEL_LIKELY(y && y->getType() == QVT_INTEGER && TOP.getType() == QVT_INTEGER &&
                        static_cast<unsigned>(sp) + 1 < size() && stk[sp + 1].isPlain())) {
@@ -588,6 +751,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         DISPATCH_PLAIN();
       }
       CASE(DK_STEP_TEMPORARY) {
+        FRESH_SOURCES();
         QelValue* t = const_cast<QelValue*>(sources.at(LS_TEMPORARY, cur->x));
         if (QEL_LIKELY(t && t->getType() == QVT_INTEGER && TOP.isPlain() && cur->x <= 65536)) {
           int32_t stepped = wrapAdd(t->rawLong(), cur->binary == OP_INC ? 1 : -1);
@@ -598,6 +762,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         DISPATCH_PLAIN();
       }
       CASE(DK_OP_STORE) {
+        FRESH_SOURCES();
         // The store's slot test: a temporary far above the top is an error, left to the
         // instructions themselves.
         QelValue* t = const_cast<QelValue*>(sources.at(LS_TEMPORARY, cur->x));
@@ -619,6 +784,14 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     }
 #endif
   }
+failed:
+  // Every procedure this loop runs fails in turn, innermost first.
+  while (frames.used > frameBase) {
+    LEAVE_CALLEE(frames.top());
+    frames.pop();
+  }
+  code->release();
+  return false;
 #undef DISPATCH_KIND
 #undef DISPATCH_FAST
 #undef DISPATCH_PLAIN
@@ -639,4 +812,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
 #undef BOTH_INTEGERS
 #undef INTEGER_BINARY
 #undef REFRESH
+#undef FRESH_SOURCES
+#undef PROC
+#undef LEAVE_CALLEE
 }

@@ -53,6 +53,7 @@ QelInterpreter::QelInterpreter(QelVirtualMachine& vm)
 QelInterpreter::~QelInterpreter() {
   proc_ = nullptr;
   clear();
+  dropFrames();
 }
 
 void QelInterpreter::setDebugger(QelDebugger* debugger) {

@@ -80,10 +80,6 @@ QelValue QelVector::pop_back() {
   return v;
 }
 
-void QelVector::truncate(unsigned int n) {
-  while (size_ > n) data_[--size_].dispose();
-}
-
 ValPtr QelVector::first() { return ValPtr(this, size_ ? 0 : -1); }
 
 ValPtr QelVector::last() { return ValPtr(this, static_cast<int>(size_) - 1); }
