@@ -29,6 +29,7 @@ class QEL_API QelClass : public QelRefObject {
   bool isSubtypeOf(const QelClass* c) const;
   bool isSubtypeOf(const QelString& name) const;
   QelDictionaryEntry* findMember(const QelString& name, bool inherited) const;
+  QelDictionaryEntry* findMember(const QelChar* name, bool inherited) const;
   // A function member of this class or a base, or null.
   QelDictionaryEntry* findFunction(const QelString& name) const { return findFunction(name.c_str()); }
   QelDictionaryEntry* findFunction(const QelChar* name) const;

@@ -97,7 +97,7 @@ QelValue doubleBuffer(double value) {
 bool stringOfObject(BuiltinCall& call) {
   QelObject* obj = call[1];
   QelClass* cls = obj ? obj->getClass() : nullptr;
-  QelDictionaryEntry* member = cls ? cls->findMember(QelString(u"toString"), true) : nullptr;
+  QelDictionaryEntry* member = cls ? cls->findMember(u"toString", true) : nullptr;
   if (!member || member->getSymbolType() != QST_METHOD) return call.fail(kMsgInvalidArgumentType);
   // The send runs on the argument's own slot and leaves the method's value there.
   QelInterpreter* interp = call.interpreter();

@@ -548,7 +548,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
           bp = frame;
           fp = sp;
           nargs = static_cast<unsigned int>(n);
-          check = true;
+          check = trace_ || step_;  // a fresh form matches its code
           stale = true;
           GO(code->ops.data());
         }
@@ -724,12 +724,13 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       }
       CASE(DK_LOAD_LOAD_OP)
       CASE(DK_LOAD_LOAD_CMP_BR) {
+        ENSURE_SLOT(sp + 1);  // the run's push makes the slot above exist
         FRESH_SOURCES();
         const QelValue* x = sources.at(cur->srcX, cur->x);
         const QelValue* y = sources.at(cur->srcY, cur->y);
         // (y must not be the top itself: the run reads it after x is stored there.)
         if (QEL_LIKELY(x && y && x->getType() == QVT_INTEGER && y->getType() == QVT_INTEGER && y != &TOP &&
-                       TOP.isPlain() && static_cast<unsigned>(sp) + 1 < size() && stk[sp + 1].isPlain())) {
+                       TOP.isPlain() && stk[sp + 1].isPlain())) {
           int32_t a = x->lowWord(), b = y->lowWord();
           stk[sp + 1].assignPlain(*y);  // the right operand stays in the slot above, as the run leaves it
           int32_t r = fusedResult(cur->binary, a, b);
@@ -740,10 +741,10 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         DISPATCH_PLAIN();
       }
       CASE(DK_PUSH_LOAD_OP) {
+        ENSURE_SLOT(sp + 1);
         FRESH_SOURCES();
         const QelValue* y = sources.at(cur->srcY, cur->y);
-        if (QEL_LIKELY(y && y->getType() == QVT_INTEGER && TOP.getType() == QVT_INTEGER &&
-                       static_cast<unsigned>(sp) + 1 < size() && stk[sp + 1].isPlain())) {
+        if (QEL_LIKELY(y && y->getType() == QVT_INTEGER && TOP.getType() == QVT_INTEGER && stk[sp + 1].isPlain())) {
           stk[sp + 1].assignPlain(*y);
           TOP.rawLong() = fusedResult(cur->binary, TOP.rawLong(), y->lowWord());
           GO(cur->afterOp);

@@ -84,6 +84,10 @@ bool QelClass::isSubtypeOf(const QelString& name) const {
 }
 
 QelDictionaryEntry* QelClass::findMember(const QelString& name, bool inherited) const {
+  return findMember(name.c_str(), inherited);
+}
+
+QelDictionaryEntry* QelClass::findMember(const QelChar* name, bool inherited) const {
   for (const QelClass* k = this; k; k = inherited ? k->base_ : nullptr) {
     if (QelDictionaryEntry* e = k->data_->find(name)) return e;
     if (QelDictionaryEntry* e = k->funcs_->find(name)) return e;
