@@ -459,35 +459,46 @@ bool appendFormatted(TextBuilder& out, const QelChar* format, ...) {
   return true;
 }
 
-// The digits of `magnitude`, written backwards ending at `end`; answers the first.
-template <unsigned Base>
-QelChar* digitsOf(uint32_t magnitude, QelChar* end, bool upper) {
-  const char* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+// The digits of `magnitude` in Base, after a '-' when `negative`, written straight
+// into the text; decimal digits two at a time.
+template <unsigned int Base>
+void appendDigits(TextBuilder& out, uint32_t magnitude, bool negative, bool upper) {
+  static const char kPairs[] =
+      "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+      "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+      "8081828384858687888990919293949596979899";
+  unsigned int n = 1;
+  for (uint32_t rest = magnitude; rest >= Base; rest /= Base) ++n;
+  if (negative) ++n;
+  QelChar* at = out.room(n);
+  if (negative) at[0] = '-';
+  QelChar* end = at + n;
+  if (Base == 10) {
+    for (; magnitude >= 100; magnitude /= 100) {
+      unsigned int pair = (magnitude % 100) * 2;
+      *--end = static_cast<QelChar>(kPairs[pair + 1]);
+      *--end = static_cast<QelChar>(kPairs[pair]);
+    }
+  }
+  const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
   do {
-    *--end = static_cast<QelChar>(set[magnitude % Base]);
+    *--end = static_cast<QelChar>(digits[magnitude % Base]);
     magnitude /= Base;
   } while (magnitude);
-  return end;
+  out.added(n);
 }
 
 // A bare integer conversion of a 32-bit value: "%d" and "%i" signed, the others
 // unsigned, as the general formatter writes them without flags.
 void appendInteger(TextBuilder& out, QelChar letter, int32_t value) {
-  QelChar digits[12];
-  QelChar* end = digits + 12;
-  QelChar* first;
   uint32_t bits = static_cast<uint32_t>(value);
   switch (letter) {
-    case 'o': first = digitsOf<8>(bits, end, false); break;
-    case 'x': first = digitsOf<16>(bits, end, false); break;
-    case 'X': first = digitsOf<16>(bits, end, true); break;
-    case 'u': first = digitsOf<10>(bits, end, false); break;
-    default:
-      first = digitsOf<10>(value < 0 ? 0u - bits : bits, end, false);
-      if (value < 0) *--first = '-';
-      break;
+    case 'o': appendDigits<8>(out, bits, false, false); break;
+    case 'x': appendDigits<16>(out, bits, false, false); break;
+    case 'X': appendDigits<16>(out, bits, false, true); break;
+    case 'u': appendDigits<10>(out, bits, false, false); break;
+    default: appendDigits<10>(out, value < 0 ? 0u - bits : bits, value < 0, false); break;
   }
-  out.write(first, static_cast<size_t>(end - first));
 }
 
 // The text a value shows for a %s conversion. It never holds a NUL.
