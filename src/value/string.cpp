@@ -468,7 +468,7 @@ void appendDigits(TextBuilder& out, uint32_t magnitude, bool negative, bool uppe
       "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
       "8081828384858687888990919293949596979899";
   unsigned int n = 1;
-  for (uint32_t rest = magnitude; rest >= Base; rest /= Base) ++n;
+  for (uint64_t power = Base; power <= magnitude; power *= Base) ++n;
   if (negative) ++n;
   QelChar* at = out.room(n);
   if (negative) at[0] = '-';
