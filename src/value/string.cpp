@@ -372,27 +372,22 @@ namespace {
 
 using qel::TextBuilder;
 
-// The character classes of a directive: one flag, size prefixes, conversion letters.
-bool isFlag(QelChar c) { return c == '+' || c == '-' || c == '0' || c == ' ' || c == '#'; }
-
-bool isSizePrefix(QelChar c) {
-  switch (c) {
-    case 'w': case 'h': case 'l': case 'I': case '2': case '3': case '4': case '6': case 'F': case 'N':
-      return true;
-    default:
-      return false;
+// A set of ASCII characters, tested with one bit operation.
+class CharSet {
+ public:
+  constexpr explicit CharSet(const char* members) : bits_{0, 0} {
+    for (; *members; ++members) bits_[*members >> 6] |= uint64_t(1) << (*members & 63);
   }
-}
+  bool has(QelChar c) const { return c < 128 && ((bits_[c >> 6] >> (c & 63)) & 1); }
 
-bool isConversion(QelChar c) {
-  switch (c) {
-    case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'f': case 'e': case 'g':
-    case 'E': case 'G': case 'c': case 's': case 'p': case 'C': case 'S': case 'a': case 'A':
-      return true;
-    default:
-      return false;
-  }
-}
+ private:
+  uint64_t bits_[2];
+};
+
+// What may stand between the '%' and the letter, and the letters.
+constexpr CharSet kFlags("+-0 #");
+constexpr CharSet kSizePrefixes("whlI2346FN");
+constexpr CharSet kConversions("diouxXfegEGcspCSaA");
 
 // Widths and precisions are cut to five digits so a script cannot ask for gigabytes.
 const unsigned int kMaxFieldDigits = 5;
@@ -429,14 +424,14 @@ const QelChar* copyDigits(const QelChar* p, Directive& d) {
 // none of the sets, so the reading stops there.
 bool readDirective(const QelChar* p, Directive& d) {
   d.add('%');
-  if (isFlag(*p)) d.add(*p++);
+  if (kFlags.has(*p)) d.add(*p++);
   p = copyDigits(p, d);
   if (*p == '.') {
     d.add(*p++);
     p = copyDigits(p, d);
   }
-  while (isSizePrefix(*p)) ++p;
-  if (!isConversion(*p)) return false;
+  while (kSizePrefixes.has(*p)) ++p;
+  if (!kConversions.has(*p)) return false;
   d.letter = *p;
   d.rest = p + 1;
   return true;

@@ -106,7 +106,7 @@ TEST(StringFormat, BareConversionsMatchTheGeneralPath) {
   const QelValue values[] = {QelValue(int32_t(0)), QelValue(int32_t(1)), QelValue(int32_t(-1)),
                              QelValue(int32_t(65)), QelValue(int32_t(0x1F600)), QelValue(int32_t(INT_MIN)),
                              QelValue(int32_t(INT_MAX)), QelValue(-2.75f), QelValue(1e10), QelValue(-0.5),
-                             QelValue(), QelValue(new QelString(u"été")), QelValue(new QelString()),
+                             QelValue(), QelValue(new QelString(u"\u00e9t\u00e9")), QelValue(new QelString()),
                              charsValue(u"ab\0c", 4), bytesValue("h\xC3\xA9\xFF", 4), QelValue(new QelVector())};
   const QelChar* const pairs[][2] = {
       {u"%d|", u"%1d|"}, {u"%i", u"%1i"}, {u"%u", u"%1u"}, {u"%o", u"%1o"}, {u"%x", u"%1x"},
