@@ -62,7 +62,6 @@ class QEL_API QelString : public QelRefObject {
 
  private:
   static const QelChar* emptyText();
-  void appendValue(const QelChar* conversion, const QelValue& v);
 
   QelChar* str_;
 };

@@ -65,8 +65,8 @@ bool repeatedCharacter(BuiltinCall& call) {
 }
 
 // A copy of the string, or the format text applied to the arguments after it.
-bool copiedOrFormatted(BuiltinCall& call) {
-  QelString* s = call.string(1);
+bool copiedOrFormatted(BuiltinCall& call, const QelValue& first) {
+  QelString* s = first;
   if (call.count() == 1) return call.result(QelValue(s ? new QelString(*s) : new QelString()));
   int valuesFrom = call.cursor().current() - call.count() + 2;
   ValPtr values(call.cursor().vector(), valuesFrom);
@@ -233,11 +233,12 @@ bool QelDefaultFunctions::Qel_newvector(QelVirtualMachine* vm, int nargs, ValPtr
 bool QelDefaultFunctions::Qel_newstring(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   if (!call.arity(1, BuiltinCall::kAny)) return false;
-  switch (sourceOf(call.typeOf(1))) {
+  const QelValue& first = call[1];
+  switch (sourceOf(first.getType())) {
     case Source::kCount:
       return repeatedCharacter(call);
     case Source::kString:
-      return copiedOrFormatted(call);
+      return copiedOrFormatted(call, first);
     case Source::kChars:
       return stringOfChars(call);
     case Source::kBytes:

@@ -2,10 +2,11 @@
 //
 // One engine, templated over the format's character type (QelChar or char) and an
 // output sink, does all the work: the length routines run it with a sink that only
-// counts, formatInto with a sink that fills a fixed buffer, formatAlloc first into a
-// stack buffer, and formatToFile with a sink that turns QelChars into UTF-8 and
-// writes them to the stream in chunks. Nothing is allocated per conversion, except a
-// heap buffer for a floating conversion whose digits do not fit a local one.
+// counts, formatInto with a sink that fills a fixed buffer, formatAlloc and
+// formatAppend with a sink that grows (a TextBuilder), and formatToFile with a sink
+// that turns QelChars into UTF-8 and writes them to the stream in chunks. Nothing is
+// allocated per conversion, except a heap buffer for a floating conversion whose
+// digits do not fit a local one.
 #include "platform/format.h"
 
 #include <climits>
@@ -180,6 +181,15 @@ struct BufferSink {
     at += n;
     room -= n;
   }
+};
+
+// Appends to a growing text.
+struct GrowSink {
+  TextBuilder& out;
+
+  void put(char16_t c) { out.put(c); }
+  void write(const char16_t* s, size_t n) { out.write(s, n); }
+  void fill(char16_t c, size_t n) { out.fill(c, n); }
 };
 
 // Writes QelChars to a stream as UTF-8 through a local buffer. A high surrogate waits
@@ -674,21 +684,55 @@ int formatIntoA(char* dst, size_t cap, const char* fmt, va_list ap) {
 QelChar* formatAlloc(const QelChar* fmt, va_list ap, unsigned int* length) {
   static const QelChar kEmpty[] = {0};
   if (!fmt) fmt = kEmpty;
-  // Most texts are short: format once into the stack and copy; only a longer text
-  // is formatted a second time, straight into its block.
+  // Most texts are short and never leave the stack before their block is made.
   QelChar local[256];
-  BufferSink<QelChar> first{local, sizeof local / sizeof local[0]};
-  size_t n = Engine<QelChar, BufferSink<QelChar>>(first, ap).run(fmt);
-  if (n >= UINT_MAX / sizeof(QelChar)) errorExit(1);  // no block could hold it
-  QelChar* block = static_cast<QelChar*>(allocmem(static_cast<unsigned>((n + 1) * sizeof(QelChar))));
-  if (n < sizeof local / sizeof local[0]) {
-    memcpy(block, local, n * sizeof(QelChar));
+  TextBuilder out(local, sizeof local / sizeof local[0]);
+  formatAppend(out, fmt, ap);
+  if (length) *length = static_cast<unsigned>(out.length());
+  return out.take();
+}
+
+size_t formatAppend(TextBuilder& out, const QelChar* fmt, va_list ap) {
+  GrowSink sink{out};
+  return Engine<QelChar, GrowSink>(sink, ap).run(fmt);
+}
+
+TextBuilder::~TextBuilder() {
+  if (data_ != local_) free(data_);
+}
+
+void TextBuilder::grow(size_t n) {
+  if (n > kMaxLength + 1 - length_) errorExit(1);
+  size_t capacity = capacity_ > (kMaxLength + 1) / 2 ? kMaxLength + 1 : capacity_ * 2;
+  if (capacity < length_ + n) capacity = length_ + n;
+  unsigned bytes = static_cast<unsigned>(capacity * sizeof(QelChar));
+  if (data_ == local_) {
+    QelChar* block = static_cast<QelChar*>(allocmem(bytes));
+    memcpy(block, data_, length_ * sizeof(QelChar));
+    data_ = block;
   } else {
-    BufferSink<QelChar> second{block, n};
-    Engine<QelChar, BufferSink<QelChar>>(second, ap).run(fmt);
+    void* p = realloc(data_, bytes);
+    if (!p) errorExit(1);
+    data_ = static_cast<QelChar*>(p);
   }
-  block[n] = 0;
-  if (length) *length = static_cast<unsigned>(n);
+  capacity_ = capacity;
+}
+
+QelChar* TextBuilder::take() {
+  if (length_ > kMaxLength) errorExit(1);
+  unsigned bytes = static_cast<unsigned>((length_ + 1) * sizeof(QelChar));
+  QelChar* block;
+  if (data_ == local_) {
+    block = static_cast<QelChar*>(allocmem(bytes));
+    memcpy(block, data_, length_ * sizeof(QelChar));
+  } else {
+    block = static_cast<QelChar*>(realloc(data_, bytes));  // gives back the slack
+    if (!block) errorExit(1);
+  }
+  block[length_] = 0;
+  data_ = local_;
+  length_ = 0;
+  capacity_ = localCapacity_;
   return block;
 }
 

@@ -360,134 +360,239 @@ QelString QelString::format(const QelChar* text, ...) {
 }
 
 // ---- The script formatter -------------------------------------------------------
+//
+// The format is read in place, token by token: a token runs from a character other
+// than '%' to the next '%' or the end. Everything goes into one growing text that the
+// new string then adopts. A conversion reaches the general formatter as a directive
+// made of '%', the flag, width and precision kept, and the letter (the size prefixes
+// are dropped); a bare one ("%d", "%lx", "%s", ...) is written here directly, exactly
+// as the general formatter writes it.
 
 namespace {
 
-bool isOneOf(QelChar c, const char* set) {
-  for (; *set; ++set) {
-    if (c == static_cast<QelChar>(*set)) return true;
+using qel::TextBuilder;
+
+// A set of ASCII characters, tested with one bit operation.
+class CharSet {
+ public:
+  constexpr explicit CharSet(const char* members) : bits_{0, 0} {
+    for (; *members; ++members) bits_[*members >> 6] |= uint64_t(1) << (*members & 63);
   }
-  return false;
-}
+  bool has(QelChar c) const { return c < 128 && ((bits_[c >> 6] >> (c & 63)) & 1); }
+
+ private:
+  uint64_t bits_[2];
+};
+
+// What may stand between the '%' and the letter, and the letters.
+constexpr CharSet kFlags("+-0 #");
+constexpr CharSet kSizePrefixes("whlI2346FN");
+constexpr CharSet kConversions("diouxXfegEGcspCSaA");
 
 // Widths and precisions are cut to five digits so a script cannot ask for gigabytes.
 const unsigned int kMaxFieldDigits = 5;
 
-// Copies a run of digits of at most kMaxFieldDigits into `directive`; answers the end.
-const QelChar* copyDigits(const QelChar* p, QelString& directive) {
+// A conversion read from the start of a token.
+struct Directive {
+  QelChar text[16];  // '%', flag, 5 digits, '.', 5 digits, the letter and a terminator
+  unsigned int length = 0;
+  QelChar letter = 0;
+  const QelChar* rest = nullptr;  // the literal text after the letter
+
+  void add(QelChar c) { text[length++] = c; }
+  // Nothing but the '%': no flag, width or precision.
+  bool bare() const { return length == 1; }
+  // The directive for the general formatter, ending in `conversion`.
+  const QelChar* with(QelChar conversion) {
+    text[length] = conversion;
+    text[length + 1] = 0;
+    return text;
+  }
+};
+
+// Keeps the first kMaxFieldDigits of a run of digits; answers the end of the run.
+const QelChar* copyDigits(const QelChar* p, Directive& d) {
   unsigned int kept = 0;
-  while (*p >= '0' && *p <= '9') {
-    if (kept < kMaxFieldDigits) directive += *p;
-    ++kept;
-    ++p;
+  for (; *p >= '0' && *p <= '9'; ++p) {
+    if (kept++ < kMaxFieldDigits) d.add(*p);
   }
   return p;
 }
 
-// The text a value shows for a %s conversion.
-QelString textOfValue(const QelValue& v) {
+// At most one flag, a width, a precision and any size prefixes; answers whether a
+// conversion letter follows them. The '%' or terminator that ends the token is in
+// none of the sets, so the reading stops there.
+bool readDirective(const QelChar* p, Directive& d) {
+  d.add('%');
+  if (kFlags.has(*p)) d.add(*p++);
+  p = copyDigits(p, d);
+  if (*p == '.') {
+    d.add(*p++);
+    p = copyDigits(p, d);
+  }
+  while (kSizePrefixes.has(*p)) ++p;
+  if (!kConversions.has(*p)) return false;
+  d.letter = *p;
+  d.rest = p + 1;
+  return true;
+}
+
+// Appends the formatted text; answers false when it holds a NUL (a "%c" of 0): the
+// piece ends there, so the NUL and whatever follows it are dropped.
+bool appendFormatted(TextBuilder& out, const QelChar* format, ...) {
+  size_t mark = out.length();
+  va_list args;
+  va_start(args, format);
+  qel::formatAppend(out, format, args);
+  va_end(args);
+  for (size_t i = mark; i < out.length(); ++i) {
+    if (!out.data()[i]) {
+      out.truncate(i);
+      return false;
+    }
+  }
+  return true;
+}
+
+// The digits of `magnitude` in Base, after a '-' when `negative`, written straight
+// into the text; decimal digits two at a time.
+template <unsigned int Base>
+void appendDigits(TextBuilder& out, uint32_t magnitude, bool negative, bool upper) {
+  static const char kPairs[] =
+      "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+      "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+      "8081828384858687888990919293949596979899";
+  unsigned int n = 1;
+  for (uint64_t power = Base; power <= magnitude; power *= Base) ++n;
+  if (negative) ++n;
+  QelChar* at = out.room(n);
+  if (negative) at[0] = '-';
+  QelChar* end = at + n;
+  if (Base == 10) {
+    for (; magnitude >= 100; magnitude /= 100) {
+      unsigned int pair = (magnitude % 100) * 2;
+      *--end = static_cast<QelChar>(kPairs[pair + 1]);
+      *--end = static_cast<QelChar>(kPairs[pair]);
+    }
+  }
+  const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+  do {
+    *--end = static_cast<QelChar>(digits[magnitude % Base]);
+    magnitude /= Base;
+  } while (magnitude);
+  out.added(n);
+}
+
+// A bare integer conversion of a 32-bit value: "%d" and "%i" signed, the others
+// unsigned, as the general formatter writes them without flags.
+void appendInteger(TextBuilder& out, QelChar letter, int32_t value) {
+  uint32_t bits = static_cast<uint32_t>(value);
+  switch (letter) {
+    case 'o': appendDigits<8>(out, bits, false, false); break;
+    case 'x': appendDigits<16>(out, bits, false, false); break;
+    case 'X': appendDigits<16>(out, bits, false, true); break;
+    case 'u': appendDigits<10>(out, bits, false, false); break;
+    default: appendDigits<10>(out, value < 0 ? 0u - bits : bits, value < 0, false); break;
+  }
+}
+
+// The text a value shows for a %s conversion. It never holds a NUL.
+void appendTextOf(TextBuilder& out, const QelValue& v) {
   switch (v.getType()) {
     case QVT_STRING:
     case QVT_STRINGREF: {
       QelString* s = v;
-      return s ? QelString(*s) : QelString();
+      if (s) out.write(s->c_str(), s->length());
+      return;
     }
-    case QVT_INTEGER: return QelString::format(u"%ld", v.toLong());
+    case QVT_INTEGER: appendInteger(out, 'd', v.toLong()); return;
     case QVT_FLOAT:
-    case QVT_DOUBLE: return QelString::format(u"%f", v.toDouble());
+    case QVT_DOUBLE: appendFormatted(out, u"%f", v.toDouble()); return;
     case QVT_CHARBUFFER:
     case QVT_CHARBUFFERREF: {
       QelCharBuffer* b = v;
-      if (!b) return QelString();
+      if (!b) return;
       unsigned int n = 0;
       while (n < b->size() && (*b)[n]) ++n;
-      return QelString(b->data(), n);
+      out.write(b->data(), n);
+      return;
     }
     case QVT_BUFFER:
     case QVT_BUFFERREF: {
+      // The bytes up to the first 0 or the end, as UTF-8; each byte gives at most one
+      // QelChar.
       QelBuffer* b = v;
-      if (!b) return QelString();
+      if (!b) return;
       unsigned int n = 0;
       while (n < b->size() && (*b)[n]) ++n;
-      size_t len = qelUtf8ToUtf16(reinterpret_cast<const char*>(b->data()), n, nullptr, 0);
-      QelChar* block = static_cast<QelChar*>(allocmem(static_cast<unsigned int>((len + 1) * sizeof(QelChar))));
-      qelUtf8ToUtf16(reinterpret_cast<const char*>(b->data()), n, block, len);
-      block[len] = 0;
-      return QelString::adopt(block);
+      QelChar* at = out.room(n);
+      out.added(qelUtf8ToUtf16(reinterpret_cast<const char*>(b->data()), n, at, n));
+      return;
     }
-    case QVT_NULL: return QelString(u"(null)");
-    default: return QelString::format(u"(%s:%p)", getValueTypeName(v.getType()), v.ptr());
+    case QVT_NULL: out.write(u"(null)", 6); return;
+    default: appendFormatted(out, u"(%s:%p)", getValueTypeName(v.getType()), v.ptr()); return;
+  }
+}
+
+// Formats one value. The argument passed always matches the conversion, whatever the
+// value's type. Answers false when the piece ended at a NUL.
+bool appendConversion(TextBuilder& out, Directive& d, const QelValue& v) {
+  switch (d.letter) {
+    case 'd':
+    case 'i':
+    case 'o':
+    case 'u':
+    case 'x':
+    case 'X':
+      if (!d.bare()) return appendFormatted(out, d.with(d.letter), v.toLong());
+      appendInteger(out, d.letter, v.toLong());
+      return true;
+    case 'c':
+    case 'C': {
+      QelChar c = static_cast<QelChar>(v.toLong());
+      if (!d.bare()) return appendFormatted(out, d.with(u'c'), static_cast<int>(c));
+      if (!c) return false;
+      out.put(c);
+      return true;
+    }
+    case 'p': return appendFormatted(out, d.with(u'p'), v.ptr());
+    case 's':
+    case 'S': {
+      if (d.bare()) {
+        appendTextOf(out, v);
+        return true;
+      }
+      QelChar local[128];
+      TextBuilder text(local, sizeof local / sizeof local[0]);
+      appendTextOf(text, v);
+      return appendFormatted(out, d.with(u's'), text.terminated());
+    }
+    default: return appendFormatted(out, d.with(d.letter), v.toDouble());
   }
 }
 
 }  // namespace
 
-// Formats one conversion: `directive` is "%" with flag, width and precision; `letter` the
-// conversion; `rest` the literal text after it. The argument passed always matches the
-// conversion, whatever the value's type.
-static QelString formatOneValue(QelString& directive, QelChar letter, const QelChar* rest, const QelValue& v) {
-  if (isOneOf(letter, "diouxX")) {
-    directive += letter;
-    directive += rest;
-    return QelString::format(directive.c_str(), v.toLong());
-  }
-  if (isOneOf(letter, "cC")) {
-    directive += u'c';
-    directive += rest;
-    return QelString::format(directive.c_str(), static_cast<int>(static_cast<QelChar>(v.toLong())));
-  }
-  if (isOneOf(letter, "fegEGaA")) {
-    directive += letter;
-    directive += rest;
-    return QelString::format(directive.c_str(), v.toDouble());
-  }
-  if (letter == 'p') {
-    directive += letter;
-    directive += rest;
-    return QelString::format(directive.c_str(), v.ptr());
-  }
-  QelString text = textOfValue(v);
-  directive += u's';
-  directive += rest;
-  return QelString::format(directive.c_str(), text.c_str());
-}
-
 QelString::QelString(const QelChar* text, unsigned int count, ValPtr& args) : str_(nullptr) {
   if (!text || !text[0] || count == 0) return;
-  QelString copy(text);
-  QelChar* base = copy.str_;
-  unsigned int length = copy.length();
+  QelChar local[256];
+  TextBuilder out(local, sizeof local / sizeof local[0]);
   unsigned int used = 0;
-  unsigned int pos = 0;
+  const QelChar* p = text;
+  // As soon as every value is used, the rest of the format is dropped.
   while (used < count) {
-    // The next token: runs of '%' separate tokens; a leading '%' is skipped.
-    while (pos < length && base[pos] == '%') ++pos;
-    if (pos >= length) break;
-    unsigned int start = pos;
-    while (pos < length && base[pos] != '%') ++pos;
-    base[pos] = 0;
-    const QelChar* token = base + start;
-    bool afterPercent = start > 0;
-    ++pos;
-
-    if (!token[0] && afterPercent) {
-      *this += u'%';
-      continue;
-    }
-    const QelChar* p = token;
-    QelString directive(u"%");
-    if (*p && isOneOf(*p, "+-0 #")) directive += *p++;
-    p = copyDigits(p, directive);
-    if (*p == '.') {
-      directive += *p++;
-      p = copyDigits(p, directive);
-    }
-    while (*p && isOneOf(*p, "whlI2346FN")) ++p;
-    if (afterPercent && *p && isOneOf(*p, "diouxXfegEGcspCSaA")) {
-      *this += formatOneValue(directive, *p, p + 1, args.at(static_cast<int>(used)));
+    while (*p == '%') ++p;  // a run of '%' is one separator
+    if (!*p) break;
+    const QelChar* token = p;
+    while (*p && *p != '%') ++p;
+    // Only a token after a '%' may be a conversion; any other is kept as it stands.
+    Directive d;
+    if (token != text && readDirective(token, d)) {
+      if (appendConversion(out, d, args.at(static_cast<int>(used)))) out.write(d.rest, static_cast<size_t>(p - d.rest));
       ++used;
     } else {
-      *this += token;
+      out.write(token, static_cast<size_t>(p - token));
     }
   }
+  if (out.length()) str_ = out.take();
 }

@@ -1,5 +1,5 @@
 // The printf-style formatter: conversions, text arguments across encodings, and
-// the length, buffer, allocating and stream forms.
+// the length, buffer, allocating, appending and stream forms.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -203,13 +203,50 @@ TEST(FormatInto, TruncatesButAnswersTheFullLength) {
   EXPECT_EQ(std::u16string(buf), u"       ");
 }
 
-TEST(FormatAlloc, LongTextsAreFormattedTwice) {
+TEST(FormatAlloc, LongTextsLeaveTheStackBuffer) {
   // Exactly at and around the stack buffer's size.
   for (int width : {254, 255, 256, 257}) {
     std::u16string padded = W(u"%*d", width, 3);
     ASSERT_EQ(padded.size(), static_cast<size_t>(width));
     EXPECT_EQ(padded.back(), u'3');
   }
+}
+
+int Append(qel::TextBuilder& out, const QelChar* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  size_t n = qel::formatAppend(out, fmt, ap);
+  va_end(ap);
+  return static_cast<int>(n);
+}
+
+// A builder keeps its text whole as it moves from its local storage to the heap and
+// grows there; `take` hands out an exact block and leaves the builder empty for reuse.
+TEST(FormatAppend, BuildersGrowAndHandOutExactBlocks) {
+  QelChar local[4];
+  qel::TextBuilder out(local, 4);
+  out.write(u"abc", 3);
+  EXPECT_EQ(Append(out, u"%s-%d", u"de", -12), 6);  // leaves the local storage
+  out.fill(u'.', 40);
+  out.put(u'!');
+  EXPECT_EQ(Append(out, u"%5x", 255), 5);
+  out.truncate(out.length() - 1);
+  std::u16string expected = u"abcde--12" + std::u16string(40, u'.') + u"!   f";
+  ASSERT_EQ(out.length(), expected.size());
+  EXPECT_EQ(std::u16string(out.terminated()), expected);
+  QelChar* block = out.take();
+  EXPECT_EQ(std::u16string(block), expected);
+  free(block);
+
+  EXPECT_EQ(out.length(), 0u);
+  EXPECT_EQ(out.data(), local);
+  out.put(u'z');
+  block = out.take();  // from the local storage
+  EXPECT_EQ(std::u16string(block), u"z");
+  free(block);
+  block = out.take();
+  EXPECT_EQ(block[0], 0);
+  free(block);
 }
 
 TEST(FormatToFile, WritesUtf8AndCountsQelChars) {

@@ -2,6 +2,8 @@
 // editing operations are what the string built-ins call: builtins_strings.qel runs them.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <initializer_list>
 #include <string>
 
 #include "qel/buffer.h"
@@ -10,6 +12,26 @@
 namespace {
 
 std::u16string text(const QelString& s) { return s.c_str(); }
+
+// The script formatter applied to `format` and the values.
+std::u16string scriptFormat(const QelChar* format, std::initializer_list<QelValue> values) {
+  QelVector args;
+  for (const QelValue& v : values) args.push_back(v);
+  ValPtr cursor(&args, 0);
+  return text(QelString(format, static_cast<unsigned int>(args.size()), cursor));
+}
+
+QelValue bytesValue(const char* bytes, unsigned int n) {
+  QelBuffer* b = new QelBuffer(n);
+  for (unsigned int i = 0; i < n; ++i) b->push_back(static_cast<unsigned char>(bytes[i]));
+  return QelValue(b);
+}
+
+QelValue charsValue(const QelChar* chars, unsigned int n) {
+  QelCharBuffer* b = new QelCharBuffer(n);
+  for (unsigned int i = 0; i < n; ++i) b->push_back(chars[i]);
+  return QelValue(b);
+}
 
 }  // namespace
 
@@ -75,6 +97,65 @@ TEST(StringFormat, ScriptFormatterWithoutValues) {
   ValPtr cursor(&args, 0);
   EXPECT_EQ(QelString(u"x=%d", 0, cursor).length(), 0u);
   EXPECT_EQ(QelString(nullptr, 1, cursor).length(), 0u);
+}
+
+// A bare conversion ("%d", "%lx", "%c", "%s", ...) is written without the general
+// formatter; with a width of 1 (or, for text, a long precision) the same conversion
+// goes through it. Every value type must come out the same both ways.
+TEST(StringFormat, BareConversionsMatchTheGeneralPath) {
+  const QelValue values[] = {QelValue(int32_t(0)), QelValue(int32_t(1)), QelValue(int32_t(-1)),
+                             QelValue(int32_t(65)), QelValue(int32_t(0x1F600)), QelValue(int32_t(INT_MIN)),
+                             QelValue(int32_t(INT_MAX)), QelValue(-2.75f), QelValue(1e10), QelValue(-0.5),
+                             QelValue(), QelValue(new QelString(u"\u00e9t\u00e9")), QelValue(new QelString()),
+                             charsValue(u"ab\0c", 4), bytesValue("h\xC3\xA9\xFF", 4), QelValue(new QelVector())};
+  const QelChar* const pairs[][2] = {
+      {u"%d|", u"%1d|"}, {u"%i", u"%1i"}, {u"%u", u"%1u"}, {u"%o", u"%1o"}, {u"%x", u"%1x"},
+      {u"%X", u"%1X"}, {u"%ld", u"%1d"}, {u"%hhu", u"%1u"}, {u"%I64x!", u"%1x!"}, {u"%c.", u"%1c."},
+      {u"%C", u"%1c"}, {u"%s|", u"%.99999s|"}, {u"%S", u"%.99999s"}, {u"%ls", u"%.99999s"}};
+  for (const QelValue& v : values) {
+    for (const auto& pair : pairs) {
+      EXPECT_EQ(scriptFormat(pair[0], {v}), scriptFormat(pair[1], {v})) << QelString(pair[0]).a_str() << " of type " << v.getType();
+    }
+    // Integer conversions show the value's 32 bits as the engine's formatter does.
+    for (const QelChar* format : {u"%d", u"%i", u"%u", u"%o", u"%x", u"%X"}) {
+      EXPECT_EQ(scriptFormat(format, {v}), text(QelString::format(format, v.toLong())));
+    }
+  }
+  // The texts of the values as %s shows them.
+  EXPECT_EQ(scriptFormat(u"%s,%s,%s,%s,%s,%s,%s", {values[5], values[7], values[10], values[11], values[12],
+                                                   values[13], values[14]}),
+            u"-2147483648,-2.750000,(null),\u00e9t\u00e9,,ab,h\u00e9\uFFFD");
+  EXPECT_EQ(scriptFormat(u"%s", {values[15]}), text(QelString::format(u"(QVT_VECTOR:%p)", values[15].ptr())));
+}
+
+// A conversion that writes a NUL ("%c" of 0) ends its piece there: the text after the
+// letter goes too, and formatting goes on with the next token.
+TEST(StringFormat, ANulCharacterEndsItsPiece) {
+  const QelValue zero(int32_t(0)), five(int32_t(5));
+  EXPECT_EQ(scriptFormat(u"a%cb%dc", {zero, five}), u"a5c");
+  EXPECT_EQ(scriptFormat(u"a%1cb%dc", {zero, five}), u"a5c");
+  EXPECT_EQ(scriptFormat(u"[%3c|%d", {zero, five}), u"[  5");
+  EXPECT_EQ(scriptFormat(u"[%-3c|%d", {zero, five}), u"[5");
+}
+
+// Output of any length: past the formatter's stack buffer by one long conversion, by
+// many short ones, and by literal text.
+TEST(StringFormat, LongOutputs) {
+  std::u16string padded = scriptFormat(u"%99999d|", {QelValue(int32_t(7))});
+  ASSERT_EQ(padded.size(), 100000u);
+  EXPECT_EQ(padded.substr(99997), u" 7|");
+  std::u16string format, expected;
+  for (int i = 0; i < 300; ++i) {
+    format += u"%s ";
+    expected += u"abc ";
+  }
+  EXPECT_EQ(scriptFormat(format.c_str(), std::initializer_list<QelValue>{}), u"");
+  QelVector args;
+  for (int i = 0; i < 300; ++i) args.push_back(QelValue(new QelString(u"abc")));
+  ValPtr cursor(&args, 0);
+  EXPECT_EQ(text(QelString(format.c_str(), 300, cursor)), expected);
+  std::u16string literal(1000, u'x');
+  EXPECT_EQ(scriptFormat((literal + u"%d").c_str(), {QelValue(int32_t(1))}), literal + u"1");
 }
 
 TEST(BufferBytes, GrowthPushPopAndCopies) {
