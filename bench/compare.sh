@@ -12,6 +12,8 @@
 #   RUNS=n       the least number of timed runs of each command (default 5; hyperfine does more
 #                when they fit in its three seconds), after one warm-up run
 #   MEM_RUNS=n   the runs of each command that measure peak memory (default 3)
+#   MAX_SECONDS=n  a program whose first qel run takes longer is not timed but shown as slower
+#                than that (default 60; 0 waits however long it takes)
 set -euo pipefail
 
 # The size each program runs at: its one argument. Chosen so that Lua 5.4 takes at least 0.3 s
@@ -38,8 +40,10 @@ cd "$(dirname "$0")/.."
 lua=${LUA:-lua5.4}
 runs=${RUNS:-5}
 mem_runs=${MEM_RUNS:-3}
+max_seconds=${MAX_SECONDS:-60}
 [[ $runs =~ ^[0-9]+$ && $runs -ge 2 ]] || die "RUNS must be a number of at least 2"
 [[ $mem_runs =~ ^[0-9]+$ && $mem_runs -ge 1 ]] || die "MEM_RUNS must be a positive number"
+[[ $max_seconds =~ ^[0-9]+$ ]] || die "MAX_SECONDS must be a number"
 
 missing=()
 command -v hyperfine >/dev/null || missing+=(hyperfine)
@@ -94,15 +98,27 @@ median() {
   sort -n | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else print (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
-# peak_kb OUTFILE COMMAND...: the median maximum resident set (KB) of MEM_RUNS runs; the output of
-# the last run goes to OUTFILE.
+# peak_kb OUTFILE LIMIT COMMAND...: the median maximum resident set (KB) of MEM_RUNS runs; the
+# output of the last run goes to OUTFILE. The first run is stopped after LIMIT seconds (0: never),
+# and then the answer is "timeout".
 peak_kb() {
-  local out=$1 r
-  shift
+  local out=$1 limit=$2 r status kbs=()
+  shift 2
   for ((r = 0; r < mem_runs; ++r)); do
-    /usr/bin/time -f %M -o "$work/rss" "$@" >"$out"
-    tail -n 1 "$work/rss"
-  done | median
+    status=0
+    if ((r == 0 && limit > 0)); then
+      /usr/bin/time -f %M -o "$work/rss" timeout "$limit" "$@" >"$out" || status=$?
+    else
+      /usr/bin/time -f %M -o "$work/rss" "$@" >"$out" || status=$?
+    fi
+    if ((status == 124 && r == 0 && limit > 0)); then
+      echo timeout
+      return 0
+    fi
+    ((status == 0)) || die "'$*' failed with exit status $status"
+    kbs+=("$(tail -n 1 "$work/rss")")
+  done
+  printf '%s\n' "${kbs[@]}" | median
 }
 
 # medians_ms CSV JSON: the median times (ms) of hyperfine's two commands, one a line.
@@ -120,8 +136,13 @@ for entry in "${selected[@]}"; do
   size=${entry#*=}
   echo "== $name $size" >&2
   # Memory first: these runs also check that both programs print the same.
-  qel_kb=$(peak_kb "$work/qel.out" "$qel" "bench/$name.qel" "$size")
-  lua_kb=$(peak_kb "$work/lua.out" "$lua" "bench/$name.lua" "$size")
+  qel_kb=$(peak_kb "$work/qel.out" "$max_seconds" "$qel" "bench/$name.qel" "$size")
+  if [[ $qel_kb == timeout ]]; then
+    echo "   qel takes over $max_seconds s: not timed" >&2
+    rows+=("$name $size timeout")
+    continue
+  fi
+  lua_kb=$(peak_kb "$work/lua.out" 0 "$lua" "bench/$name.lua" "$size")
   if ! cmp -s "$work/qel.out" "$work/lua.out"; then
     die "$name $size: qel and lua print different output:
 $(diff "$work/qel.out" "$work/lua.out" | head -n 10)"
@@ -138,13 +159,18 @@ echo
 echo "qel: $qel"
 echo "lua: $("$lua" -v 2>&1 | head -n 1)"
 echo "load average: $(uptime | sed 's/.*load average: *//')"
-printf '%s\n' "${rows[@]}" | awk '
+printf '%s\n' "${rows[@]}" | awk -v max="$max_seconds" '
   BEGIN {
     printf "%-12s %10s %10s %10s %8s %8s %8s\n", "program", "size", "qel ms", "lua ms", "qel/lua", "qel MB", "lua MB"
+  }
+  $3 == "timeout" {
+    printf "%-12s %10d %10s   (qel takes over %d s: not timed)\n", $1, $2, ">" max * 1000, max
+    next
   }
   {
     ratio = $3 / $4
     logs += log(ratio)
+    ++timed
     printf "%-12s %10d %10.1f %10.1f %8.2f %8.1f %8.1f\n", $1, $2, $3, $4, ratio, $5 / 1024, $6 / 1024
   }
-  END { printf "geometric mean of qel/lua over %d programs: %.2f\n", NR, exp(logs / NR) }'
+  END { if (timed) printf "geometric mean of qel/lua over %d programs: %.2f\n", timed, exp(logs / timed) }'
