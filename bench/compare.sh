@@ -90,6 +90,7 @@ if [[ -z $qel ]]; then
 fi
 [[ -x $qel ]] || qel=$(command -v "$qel") || die "qel binary '${QEL:-$qel}' not found"
 
+load_before=$(uptime | sed 's/.*load average: *//')
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -158,7 +159,7 @@ done
 echo
 echo "qel: $qel"
 echo "lua: $("$lua" -v 2>&1 | head -n 1)"
-echo "load average: $(uptime | sed 's/.*load average: *//')"
+echo "load average: $load_before at the start, $(uptime | sed 's/.*load average: *//') at the end"
 printf '%s\n' "${rows[@]}" | awk -v max="$max_seconds" '
   BEGIN {
     printf "%-12s %10s %10s %10s %8s %8s %8s\n", "program", "size", "qel ms", "lua ms", "qel/lua", "qel MB", "lua MB"
