@@ -19,10 +19,10 @@ set -euo pipefail
 # The size each program runs at: its one argument. Chosen so that Lua 5.4 takes at least 0.3 s
 # on the development machine (2 cores, x86-64); see bench/README.md.
 SIZES=(
-  fib=32
-  loop=20000000
-  methods=3000000
-  objects=1000000
+  fib=33
+  loop=25000000
+  methods=4000000
+  objects=1200000
   sieve=3000000
   strings=1000000
   dictionary=120000
