@@ -50,7 +50,7 @@ command -v hyperfine >/dev/null || missing+=(hyperfine)
 command -v "$lua" >/dev/null || missing+=(lua5.4)
 [[ -x /usr/bin/time ]] || missing+=(time)
 if ((${#missing[@]})); then
-  die "missing ${missing[*]}: install with  apt-get install ${missing[*]}"
+  die "missing ${missing[*]}; install with: apt-get install ${missing[*]}"
 fi
 
 size_of() {
