@@ -1,9 +1,21 @@
-// Symbol tables and script dictionaries: a singly linked chain of typed entries.
+// Symbol tables and script dictionaries: a chain of typed entries.
 //
 // An unsorted dictionary appends new keys, so iteration follows insertion order (data
 // members rely on it: a member's slot is its position). A sorted dictionary keeps its
-// keys in ascending ordinal order, which lets lookups stop early. Entries know their
-// dictionary and unlink themselves when destroyed.
+// keys in ascending ordinal order. Entries know their dictionary and unlink themselves
+// when destroyed.
+//
+// The chain is the dictionary: its order is the iteration order, and every answer is
+// the one a walk of the chain would give. Once a dictionary holds more than a handful
+// of entries it also keeps a hash index from key text to entry, which also records
+// each entry's predecessor and the last entry, so lookups, insertions and an entry's
+// unlinking stop costing a walk. Small dictionaries (most classes' member tables) walk
+// as they always did and pay nothing for the index.
+//
+// A key must not change while its entry sits in a dictionary: the engine always gives
+// a dictionary its own copy, and a host that adopts a string as a key through
+// `operator[](QelString*)` must not edit that string in place afterwards (the chain's
+// order and the index both rest on it).
 #pragma once
 
 #include "qel/string.h"
@@ -42,6 +54,7 @@ class QEL_API QelDictionaryEntry {
  private:
   friend class QelDictionary;
   QelSymbolType type_;
+  uint32_t hash_;  // the key's hash while the entry is in an indexed dictionary
   QelString* key_;
   QelValue value_;
   class QelDictionary* dict_;
@@ -51,31 +64,54 @@ class QEL_API QelDictionaryEntry {
 class QEL_API QelDictionary : public QelRefObject {
  public:
   explicit QelDictionary(bool sorted = false);
+  QelDictionary(const QelDictionary&) = delete;
+  QelDictionary& operator=(const QelDictionary&) = delete;
   ~QelDictionary() override;
 
   QelDictionaryEntry* getFirst() const { return first_; }
-  QelDictionaryEntry* find(const QelString& key) const;
+  QelDictionaryEntry* find(const QelString& key) const { return find(key.c_str()); }
   QelDictionaryEntry* find(const QelChar* key) const;
-  // Finds or appends the entry; a new entry adopts this very key string.
+  // Finds or inserts the entry; a new entry adopts this very key string.
   QelDictionaryEntry* operator[](QelString* key);
-  // Finds or appends the entry; a new entry gets a copy of the key.
-  QelDictionaryEntry& operator[](const QelString& key);
+  // Finds or inserts the entry; a new entry gets a copy of the key.
+  QelDictionaryEntry& operator[](const QelString& key) { return *findOrInsert(key, nullptr); }
   bool erase(QelDictionaryEntry* entry);
   bool erase(const QelString& key) { return erase(find(key)); }
   void clear();
-  unsigned int count() const;
+  unsigned int count() const { return count_; }
   bool isSorted() const { return sorted_; }
-  void setSorted(bool sorted) { sorted_ = sorted; }
+  void setSorted(bool sorted);
   class QelClass* getOwningClass() const { return owner_; }
   void setOwningClass(class QelClass* c) { owner_ = c; }
 
+  // The hash of a key text that the index uses.
+  static uint32_t hashKey(const QelChar* key);
+
  private:
   friend class QelDictionaryEntry;
-  QelDictionaryEntry* insertAfter(QelDictionaryEntry* prev, QelString* key);
-  // Walks as find does; answers the equal entry or null, and the entry to insert after.
+  struct Index;
+
+  QelDictionaryEntry* findOrInsert(const QelString& key, QelString* adopted);
+  // Walks the chain: answers the equal entry or null, and the entry to insert after.
   QelDictionaryEntry* locate(const QelChar* key, QelDictionaryEntry** insertAfter) const;
+  // Where a key known to be absent goes in an indexed sorted chain: the entry to insert after.
+  QelDictionaryEntry* sortedPlace(const QelChar* key) const;
+  QelDictionaryEntry* link(QelDictionaryEntry* after, QelDictionaryEntry* e);
+  void unlink(QelDictionaryEntry* e);
+  bool chainAscends() const;
+
+  // Indexes the chain in a table sized for `entries`; `hashed` when every key's hash is cached.
+  void buildIndex(unsigned int entries, bool hashed);
+  void dropIndex();
+  QelDictionaryEntry* indexFind(const QelChar* key, uint32_t hash) const;
 
   class QelClass* owner_;
   QelDictionaryEntry* first_;
   bool sorted_;
+  // Set when the chain may break the rules the index rests on (the sorted flag was
+  // turned on over keys out of order): every operation then walks the chain, as
+  // before, until the dictionary is empty again.
+  bool walkOnly_;
+  unsigned int count_;
+  Index* index_;  // null while the dictionary is small
 };
