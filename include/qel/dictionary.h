@@ -18,6 +18,8 @@
 // order and the index both rest on it).
 #pragma once
 
+#include <atomic>
+
 #include "qel/string.h"
 
 enum QelSymbolType : int32_t {
@@ -82,8 +84,17 @@ class QEL_API QelDictionary : public QelRefObject {
   bool isSorted() const { return sorted_; }
   void setSorted(bool sorted);
   class QelClass* getOwningClass() const { return owner_; }
-  void setOwningClass(class QelClass* c) { owner_ = c; }
+  void setOwningClass(class QelClass* c);
 
+  // A process-wide count of changes to class member tables, for caches of member
+  // lookups: it grows whenever a dictionary with an owning class gains or loses an
+  // entry, gets or loses its owning class or changes its sorted flag, and whenever a
+  // class gets its base. A cache that saw the same number still holds right answers.
+  // It is atomic because machines on several threads may change class tables at once,
+  // and a plain counter would then be a data race; relaxed order suffices, since the
+  // number is only compared and orders no other memory. It wraps after 2^32 changes.
+  static uint32_t memberEpoch() { return memberEpoch_.load(std::memory_order_relaxed); }
+  static void noteMemberChange() { memberEpoch_.fetch_add(1, std::memory_order_relaxed); }
   // The hash of a key text that the index uses.
   static uint32_t hashKey(const QelChar* key);
 
@@ -104,6 +115,8 @@ class QEL_API QelDictionary : public QelRefObject {
   void buildIndex(unsigned int entries, bool hashed);
   void dropIndex();
   QelDictionaryEntry* indexFind(const QelChar* key, uint32_t hash) const;
+
+  static std::atomic<uint32_t> memberEpoch_;
 
   class QelClass* owner_;
   QelDictionaryEntry* first_;

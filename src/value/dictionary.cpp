@@ -28,6 +28,8 @@ bool sameText(const QelChar* a, const QelChar* b) {
 
 }  // namespace
 
+std::atomic<uint32_t> QelDictionary::memberEpoch_{0};
+
 struct QelDictionary::Index {
   struct Slot {
     QelDictionaryEntry* entry;  // null for a free slot
@@ -143,12 +145,19 @@ uint32_t QelDictionary::hashKey(const QelChar* key) {
 void QelDictionary::setSorted(bool sorted) {
   if (sorted == sorted_) return;
   sorted_ = sorted;
+  if (owner_) noteMemberChange();
   // Keys placed in another order would make a walk stop early where the index would
   // not: keep answering as the walk does.
   if (sorted && !chainAscends()) {
     walkOnly_ = true;
     dropIndex();
   }
+}
+
+void QelDictionary::setOwningClass(QelClass* c) {
+  if (c == owner_) return;
+  owner_ = c;
+  noteMemberChange();
 }
 
 bool QelDictionary::chainAscends() const {
@@ -214,6 +223,7 @@ QelDictionaryEntry* QelDictionary::link(QelDictionaryEntry* after, QelDictionary
   e->next_ = next;
   (after ? after->next_ : first_) = e;
   ++count_;
+  if (owner_) noteMemberChange();
   if (index_) {
     if (index_->tooFull(count_)) {
       buildIndex(count_, true);
@@ -244,6 +254,7 @@ void QelDictionary::unlink(QelDictionaryEntry* e) {
   e->dict_ = nullptr;
   e->next_ = nullptr;
   --count_;
+  if (owner_) noteMemberChange();
   if (count_ == 0) walkOnly_ = false;
   if (index_ && count_ <= kIndexFrom / 2) {
     dropIndex();

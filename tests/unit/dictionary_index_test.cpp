@@ -1,6 +1,7 @@
 // The dictionary's hash index and predecessor links, checked against a plain model of
 // the chain: lookups, order, erasure and unlinking across the size where the index is
-// built and dropped; colliding keys; entries released in the middle of a change.
+// built and dropped; colliding keys; entries released in the middle of a change; and
+// the member-table epoch.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -268,4 +269,38 @@ TEST(DictionaryIndex, ReleasesThatChangeTheDictionary) {
     EXPECT_EQ(d.getFirst(), nullptr);
     EXPECT_EQ(d.find(u"later"), nullptr);
   }
+}
+
+TEST(DictionaryEpoch, GrowsOnMemberTableChangesOnly) {
+  QelVirtualMachine vm{nullptr};
+  uint32_t before = QelDictionary::memberEpoch();
+  QelValue held(new QelClass(vm, QelString(u"A"), nullptr), false);
+  QelClass* a = held;
+  uint32_t made = QelDictionary::memberEpoch();
+  EXPECT_NE(made, before);  // its tables got their owner
+
+  QelDictionary plain;
+  fillA(plain, 20);
+  plain.erase(plain.getFirst());
+  plain.clear();
+  vm.symbols()[QelString(u"g")];
+  a->dataMembers().find(u"x");
+  EXPECT_EQ(QelDictionary::memberEpoch(), made);
+
+  auto grows = [](auto change) {
+    uint32_t was = QelDictionary::memberEpoch();
+    change();
+    return QelDictionary::memberEpoch() != was;
+  };
+  EXPECT_TRUE(grows([&] { a->addDataMember(u"x"); }));
+  EXPECT_TRUE(grows([&] { a->addMethod(u"m", &nativeNoop); }));
+  EXPECT_FALSE(grows([&] { a->funcMembers()[QelString(u"m")]; }));  // found, nothing added
+  EXPECT_TRUE(grows([&] { a->funcMembers().erase(QelString(u"m")); }));
+  EXPECT_TRUE(grows([&] { delete a->dataMembers().find(u"x"); }));
+  a->addStaticDataMember(u"s");
+  EXPECT_TRUE(grows([&] { a->dataMembers().clear(); }));
+  EXPECT_FALSE(grows([&] { a->dataMembers().clear(); }));  // already empty
+  QelValue baseHeld(new QelClass(vm, QelString(u"B"), nullptr), false);
+  EXPECT_TRUE(grows([&] { a->setBaseClass(baseHeld); }));
+  EXPECT_TRUE(grows([&] { held = QelValue(); }));  // A dies: its tables lose their owner
 }
