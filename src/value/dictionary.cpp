@@ -7,10 +7,12 @@
 // any place, touch only their neighbours. An indexed entry caches its key's hash:
 // probes rarely read a key's text, the table grows without hashing texts again, and
 // an entry finds its own slot by pointer. Removal shifts the rest of the run back, so
-// there are no tombstones.
+// there are no tombstones. A sorted dictionary's index also keeps its entries in key
+// order in an array, so a new key finds its place by bisection instead of a walk.
 #include "qel/dictionary.h"
 
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -37,6 +39,9 @@ struct QelDictionary::Index {
   };
   uint32_t mask;
   QelDictionaryEntry* last;  // the chain's last entry
+  // Sorted dictionaries only: the entries that have a key, in the chain's order.
+  QelDictionaryEntry** order;
+  unsigned int orderSize, orderCap;
   // The slots follow the header in the same block.
   Slot* slots() { return reinterpret_cast<Slot*>(this + 1); }
 
@@ -64,6 +69,44 @@ struct QelDictionary::Index {
       if (s[i].entry == e) return &s[i];
     }
     return nullptr;
+  }
+
+  // The first position in `order` whose key is greater than `key`, or not less for `orEqual`.
+  unsigned int bisect(const QelChar* key, bool orEqual) const {
+    unsigned int lo = 0, hi = orderSize;
+    while (lo < hi) {
+      unsigned int mid = lo + (hi - lo) / 2;
+      int c = qelStrCmp(order[mid]->key_->c_str(), key);
+      if (c < 0 || (c == 0 && !orEqual)) lo = mid + 1;
+      else hi = mid;
+    }
+    return lo;
+  }
+
+  bool orderInsert(QelDictionaryEntry* e) {
+    if (orderSize == orderCap) {
+      unsigned int cap = orderCap ? orderCap * 2 : 16;
+      auto** grown = static_cast<QelDictionaryEntry**>(realloc(order, cap * sizeof(QelDictionaryEntry*)));
+      if (!grown) return false;
+      order = grown;
+      orderCap = cap;
+    }
+    unsigned int at = bisect(e->key_->c_str(), false);
+    memmove(order + at + 1, order + at, (orderSize - at) * sizeof(QelDictionaryEntry*));
+    order[at] = e;
+    ++orderSize;
+    return true;
+  }
+
+  void orderRemove(const QelDictionaryEntry* e) {
+    unsigned int at = bisect(e->key_->c_str(), true);
+    if (at >= orderSize || order[at] != e) {
+      at = 0;  // a key changed in place: look for the entry itself
+      while (at < orderSize && order[at] != e) ++at;
+      if (at == orderSize) return;
+    }
+    --orderSize;
+    memmove(order + at, order + at + 1, (orderSize - at) * sizeof(QelDictionaryEntry*));
   }
 
   // Frees a slot, pulling back each later slot of the run that may sit in the hole:
@@ -151,6 +194,8 @@ void QelDictionary::setSorted(bool sorted) {
   if (sorted && !chainAscends()) {
     walkOnly_ = true;
     dropIndex();
+  } else if (index_) {
+    buildIndex(count_, true);  // with or without the key order
   }
 }
 
@@ -188,9 +233,9 @@ QelDictionaryEntry* QelDictionary::sortedPlace(const QelChar* key) const {
   // Keys arriving in order (a sorted table being read back) go to the end at once.
   QelDictionaryEntry* last = index_->last;
   if (!last || (last->key_ && qelStrCmp(last->key_->c_str(), key) < 0)) return last;
-  QelDictionaryEntry* prev = nullptr;
-  locate(key, &prev);
-  return prev;
+  // Before the first greater key, after whatever precedes it in the chain.
+  unsigned int at = index_->bisect(key, false);
+  return at < index_->orderSize ? index_->slotOf(index_->order[at])->prev : last;
 }
 
 QelDictionaryEntry* QelDictionary::find(const QelChar* key) const {
@@ -231,6 +276,7 @@ QelDictionaryEntry* QelDictionary::link(QelDictionaryEntry* after, QelDictionary
       index_->add(e, after);
       if (next) index_->slotOf(next)->prev = e;
       else index_->last = e;
+      if (sorted_ && e->key_ && !index_->orderInsert(e)) dropIndex();
     }
   } else if (count_ > kIndexFrom && !walkOnly_) {
     buildIndex(count_, false);
@@ -244,6 +290,7 @@ void QelDictionary::unlink(QelDictionaryEntry* e) {
   if (slot) {
     prev = slot->prev;
     index_->remove(slot);
+    if (sorted_ && e->key_) index_->orderRemove(e);
     if (e->next_) index_->slotOf(e->next_)->prev = prev;
     else index_->last = prev;
   } else if (first_ != e) {
@@ -286,11 +333,17 @@ void QelDictionary::buildIndex(unsigned int entries, bool hashed) {
   for (QelDictionaryEntry* e = first_; e; prev = e, e = e->next_) {
     if (!hashed) e->hash_ = e->key_ ? hashKey(e->key_->c_str()) : 0;
     index_->add(e, prev);
+    if (sorted_ && e->key_ && !index_->orderInsert(e)) {
+      dropIndex();
+      return;
+    }
   }
   index_->last = prev;
 }
 
 void QelDictionary::dropIndex() {
+  if (!index_) return;
+  free(index_->order);
   free(index_);
   index_ = nullptr;
 }

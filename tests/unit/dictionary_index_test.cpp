@@ -236,6 +236,20 @@ TEST(DictionaryIndex, SortedFlagOverUnorderedKeys) {
   d.setSorted(true);
   fillA(d, 20);
   EXPECT_NE(d.find(u"a19"), nullptr);
+
+  // Over keys that do ascend, the flag keeps the index and new keys find their place.
+  QelDictionary u;
+  for (const QelChar* k : {u"b", u"d", u"f", u"h", u"j", u"l", u"n", u"p", u"r", u"t"}) u[QelString(k)];
+  u.setSorted(true);
+  u[QelString(u"e")];
+  u.setSorted(false);
+  u[QelString(u"a")];
+  delete u.find(u"d");
+  EXPECT_EQ(keysOf(u), u"b,e,f,h,j,l,n,p,r,t,a,");
+  delete u.find(u"a");
+  u.setSorted(true);
+  u[QelString(u"c")];
+  EXPECT_EQ(keysOf(u), u"b,c,e,f,h,j,l,n,p,r,t,");
 }
 
 // An entry's value may run code that changes the same dictionary while the entry is
