@@ -8,9 +8,9 @@
 // The chain is the dictionary: its order is the iteration order, and every answer is
 // the one a walk of the chain would give. Once a dictionary holds more than a handful
 // of entries it also keeps a hash index from key text to entry, which also records
-// each entry's predecessor and the last entry, so lookups, insertions and an entry's
-// unlinking stop costing a walk. Small dictionaries (most classes' member tables) walk
-// as they always did and pay nothing for the index.
+// each entry's predecessor, the last entry and, when sorted, the key order, so
+// lookups, insertions and an entry's unlinking stop costing a walk. Small dictionaries
+// (most classes' member tables) walk their chain and pay nothing for an index.
 //
 // A key must not change while its entry sits in a dictionary: the engine always gives
 // a dictionary its own copy, and a host that adopts a string as a key through
@@ -122,8 +122,8 @@ class QEL_API QelDictionary : public QelRefObject {
   QelDictionaryEntry* first_;
   bool sorted_;
   // Set when the chain may break the rules the index rests on (the sorted flag was
-  // turned on over keys out of order): every operation then walks the chain, as
-  // before, until the dictionary is empty again.
+  // turned on over keys out of order): every operation then walks the chain, until
+  // the dictionary is empty again.
   bool walkOnly_;
   unsigned int count_;
   Index* index_;  // null while the dictionary is small

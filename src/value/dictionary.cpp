@@ -77,8 +77,11 @@ struct QelDictionary::Index {
     while (lo < hi) {
       unsigned int mid = lo + (hi - lo) / 2;
       int c = qelStrCmp(order[mid]->key_->c_str(), key);
-      if (c < 0 || (c == 0 && !orEqual)) lo = mid + 1;
-      else hi = mid;
+      if (c < 0 || (c == 0 && !orEqual)) {
+        lo = mid + 1;
+      } else {
+        hi = mid;
+      }
     }
     return lo;
   }
@@ -243,7 +246,9 @@ QelDictionaryEntry* QelDictionary::find(const QelChar* key) const {
   return index_ ? indexFind(key, hashKey(key)) : locate(key, nullptr);
 }
 
-QelDictionaryEntry* QelDictionary::operator[](QelString* key) { return key ? findOrInsert(*key, key) : nullptr; }
+QelDictionaryEntry* QelDictionary::operator[](QelString* key) {
+  return key ? findOrInsert(*key, key) : nullptr;
+}
 
 QelDictionaryEntry* QelDictionary::findOrInsert(const QelString& key, QelString* adopted) {
   const QelChar* k = key.c_str();
@@ -256,7 +261,8 @@ QelDictionaryEntry* QelDictionary::findOrInsert(const QelString& key, QelString*
   } else if (QelDictionaryEntry* e = locate(k, &after)) {
     return e;
   }
-  QelDictionaryEntry* e = new QelDictionaryEntry(adopted ? adopted : new QelString(key), QelValue(), QST_UNDEFINED);
+  QelString* entryKey = adopted ? adopted : new QelString(key);
+  QelDictionaryEntry* e = new QelDictionaryEntry(entryKey, QelValue(), QST_UNDEFINED);
   e->hash_ = hash;
   return link(after, e);
 }

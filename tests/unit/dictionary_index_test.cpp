@@ -4,6 +4,8 @@
 // the member-table epoch.
 #include <gtest/gtest.h>
 
+#include "probes.h"
+
 #include <algorithm>
 #include <map>
 #include <random>
@@ -11,7 +13,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "probes.h"
 #include "qel/vm.h"
 
 namespace {
@@ -51,7 +52,8 @@ void expectSame(const QelDictionary& d, const Model& m, const std::vector<std::u
   ASSERT_EQ(i, m.order.size());
   for (const std::u16string& k : pool) {
     auto it = m.entries.find(k);
-    ASSERT_EQ(d.find(k.c_str()), it == m.entries.end() ? nullptr : it->second) << std::string(k.begin(), k.end());
+    ASSERT_EQ(d.find(k.c_str()), it == m.entries.end() ? nullptr : it->second)
+        << std::string(k.begin(), k.end());
   }
 }
 
