@@ -49,6 +49,7 @@ bool QelClass::setBaseClass(QelClass* base) {
   if (base->isSubtypeOf(this)) return false;
   base->addRef();
   base_ = base;
+  QelDictionary::noteMemberChange();  // inherited lookups now reach further
   return true;
 }
 
