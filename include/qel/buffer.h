@@ -32,7 +32,11 @@ class QEL_API QelBuffer : public QelRefObject {
   QelBuffer& operator=(const QelBuffer& b);
   ~QelBuffer() override;
 
-  unsigned char& operator[](unsigned int i) { return data_[i]; }
+  // A writable byte counts as a change (see touch()).
+  unsigned char& operator[](unsigned int i) {
+    ++version_;
+    return data_[i];
+  }
   unsigned char operator[](unsigned int i) const { return data_[i]; }
   unsigned int size() const { return size_; }
   unsigned int capacity() const { return capacity_; }
@@ -85,9 +89,10 @@ class QEL_API QelBuffer : public QelRefObject {
   // Sets the size within the capacity (no zeroing, no growth); false beyond it.
   bool setSize(unsigned int n);
 
-  // Every change made through the member functions counts; a change made through
-  // data() or operator[] is made known with touch(), so that what was built from the
-  // bytes (a procedure's decoded code) is built again.
+  // Every change made through the member functions counts, and so does taking a
+  // writable byte with operator[]; a change made through data() is made known with
+  // touch(), so that what was built from the bytes (a procedure's decoded code) is
+  // built again.
   void touch() { ++version_; }
   uint32_t version() const { return version_; }
   QelBufferCache* cache() const { return cache_; }

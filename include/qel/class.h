@@ -48,6 +48,9 @@ class QEL_API QelClass : public QelRefObject {
   bool getIsNative() const { return native_; }
   QelVirtualMachine& getVirtualMachine() const { return *vm_; }
   void notifyObjDelete(QelObject* obj);
+  // Whether this class or a base has a member "dtor"; remembered while no class table
+  // changes (QelDictionary::memberEpoch), since every object's end asks.
+  bool hasDestructor() const;
 
  private:
   // A module file stores the data size its writer computed.
@@ -63,6 +66,9 @@ class QEL_API QelClass : public QelRefObject {
   int32_t dataSize_;
   QelVirtualMachine* vm_;
   bool native_;
+  mutable bool dtorKnown_ = false;
+  mutable bool hasDtor_ = false;
+  mutable uint32_t dtorEpoch_ = 0;
 };
 
 class QEL_API QelObject : public QelRefObject {

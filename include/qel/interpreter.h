@@ -85,8 +85,13 @@ class QEL_API QelInterpreter : public QelVector {
   bool run(QelProcInfo& record, QelBuffer& code);
   void dropFrames();
   bool callValue(int n);
+  // A "BC_" name sends to the base class of the member that sends it.
+  static bool isBaseCallName(const QelChar* m) { return m[0] == 'B' && m[1] == 'C' && m[2] == '_'; }
   QelClass* baseCallOwner(const QelChar* method, const QelClass* receiverClass) const;
   bool missingMethod(const QelChar* method);
+  // Ends a send whose receiver stood at `receiver`: the result takes its slot and the
+  // stack ends there, whether the method succeeded or failed.
+  void endSend(int receiver);
 
   bool binaryPrologue(const QelChar* name, const QelChar* reflected, bool& handled);
   bool doOP_ADD();

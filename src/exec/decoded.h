@@ -22,6 +22,9 @@
 #include "qel/buffer.h"
 #include "qel/opcodes.h"
 
+class QelClass;
+class QelDictionaryEntry;
+
 namespace qel {
 
 // What a decoded operation does: an instruction of the code (its opcode), one of the
@@ -66,6 +69,12 @@ struct DecodedOp {
   const DecodedOp* targetOp = nullptr;
   const DecodedOp* afterOp = nullptr;
   const DecodedOp* branchOp = nullptr;
+  // A send's method cache: the member entry the lookup found for objects of `sendClass`,
+  // good while no class table has changed since (QelDictionary::memberEpoch). The entry's
+  // value is read at each send, so a method replaced in place is seen at once.
+  mutable const QelClass* sendClass = nullptr;
+  mutable QelDictionaryEntry* sendEntry = nullptr;
+  mutable uint32_t sendEpoch = 0;
 };
 
 // The instruction a decoded operation starts with, whatever it fuses.

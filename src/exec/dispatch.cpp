@@ -139,6 +139,39 @@ inline QelVector* sharedVector(const QelValue& v) {
   return vec && vec->getRefCnt() > 1 ? vec : nullptr;
 }
 
+inline bool sameText(const QelChar* a, const QelChar* b) {
+  for (; *a == *b; ++a, ++b) {
+    if (!*a) return true;
+  }
+  return false;
+}
+
+// The class of the object a send goes to, when the send can take the cached path: a
+// plain object receiver and a string name that is no "BC_" send; else null.
+QelClass* cachedSendClass(const QelValue& receiver, const QelValue& name) {
+  if (receiver.getType() != QVT_OBJECT || name.getType() != QVT_STRING) return nullptr;
+  auto* obj = static_cast<QelObject*>(receiver.getRef());
+  auto* text = static_cast<QelString*>(name.getRef());
+  if (!obj || !text || text->c_str()[0] == 'B') return nullptr;  // "BC_" sends depend on the sender
+  return obj->getClass();
+}
+
+// The member a send of `name` to objects of `cls` runs, from the operation's cache when
+// no class table changed since it was filled; null when the class has no such member.
+QelDictionaryEntry* cachedMethod(const DecodedOp& op, QelClass* cls, const QelChar* name) {
+  uint32_t epoch = QelDictionary::memberEpoch();
+  if (op.sendClass == cls && op.sendEpoch == epoch && sameText(op.sendEntry->getKey()->c_str(), name)) {
+    return op.sendEntry;
+  }
+  QelDictionaryEntry* entry = cls->findFunction(name);
+  if (entry) {
+    op.sendClass = cls;
+    op.sendEntry = entry;
+    op.sendEpoch = epoch;
+  }
+  return entry;
+}
+
 }  // namespace
 
 // A script procedure called from a running one runs in the same loop: its caller's
@@ -154,8 +187,9 @@ struct QelCallFrames {
     DecodedCode* callerCode;
     int callerBp, callerFp;
     unsigned int callerNargs;
-    const DecodedOp* resume;  // the caller's OP_CALL
+    const DecodedOp* resume;  // the caller's OP_CALL or OP_SEND
     int frameSlot;            // where the callee stood; its result goes there
+    QelClass* sendClass;      // a send's receiver class, held while its method runs; null for a call
   };
   static const size_t kBlock = 64;
 
@@ -194,6 +228,11 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
   uint32_t operand = 0;
   Sources sources;
   bool stale = true;  // the sources must be refreshed before a fused load reads them
+  // A script procedure about to run in this loop: its arguments, the slot it stands in
+  // and, for a send, the receiver's class.
+  QelVector* entering = nullptr;
+  int enteringArgs = 0, enteringFrame = 0;
+  QelClass* enteringClass = nullptr;
   // Set after a step that may have changed the code or switched tracing on, and kept
   // set while tracing: the next dispatch looks at both.
   bool check = true;
@@ -237,20 +276,27 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
   } while (0)
 #define PROC (*procp)
 // Ends a callee run in this loop (as a call ends: its record, then its code and
-// procedure let go) and takes the caller's state back from its frame.
-#define LEAVE_CALLEE(f)       \
-  do {                        \
-    leaveProc(*rec);          \
-    code->release();          \
-    buf->release();           \
-    procp->release();         \
-    rec = (f).callerRecord;   \
-    procp = (f).callerProc;   \
-    buf = (f).callerBuffer;   \
-    code = (f).callerCode;    \
-    bp = (f).callerBp;        \
-    fp = (f).callerFp;        \
-    nargs = (f).callerNargs;  \
+// procedure let go) and takes the caller's state back from the top frame, which it
+// pops first: a release may run a destructor, whose calls take frames from here on.
+#define LEAVE_CALLEE()                             \
+  do {                                             \
+    const QelCallFrames::Frame& f_ = frames.top(); \
+    QelProcInfo* calleeRec_ = rec;                 \
+    QelVector* calleeProc_ = procp;                \
+    QelBuffer* calleeBuf_ = buf;                   \
+    DecodedCode* calleeCode_ = code;               \
+    rec = f_.callerRecord;                         \
+    procp = f_.callerProc;                         \
+    buf = f_.callerBuffer;                         \
+    code = f_.callerCode;                          \
+    bp = f_.callerBp;                              \
+    fp = f_.callerFp;                              \
+    nargs = f_.callerNargs;                        \
+    frames.pop();                                  \
+    leaveProc(*calleeRec_);                        \
+    calleeCode_->release();                        \
+    calleeBuf_->release();                         \
+    calleeProc_->release();                        \
   } while (0)
 #define TOP (stk[sp])
 #define FAIL(msg)                            \
@@ -503,11 +549,16 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         }
         // Back to the caller: as when a call returns, the result takes the callee's
         // slot and the stack ends there.
-        QelCallFrames::Frame& f = frames.top();
-        LEAVE_CALLEE(f);
-        frames.pop();
-        const DecodedOp* resume = f.resume;
-        int frame = f.frameSlot;
+        const DecodedOp* resume = frames.top().resume;
+        int frame = frames.top().frameSlot;
+        QelClass* sendClass = frames.top().sendClass;
+        LEAVE_CALLEE();
+        if (sendClass) {
+          endSend(frame);
+          sendClass->release();
+          LOAD();
+          GO(resume->nextOp);
+        }
         LOAD();
         if (frame < sp) {
           GUARDED(stk[frame] = std::move(stk[sp]));
@@ -517,43 +568,70 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         }
         GO(resume->nextOp);
       }
+      CASE(OP_SEND) {
+        // A send to a script method of a plain object runs here as a call does, with the
+        // receiver copied into the name's slot as its first argument; others take send's path.
+        int n = static_cast<int>(cur->operand);
+        int frame = sp - n;
+        QelClass* cls = n >= 1 && frame >= 0 ? cachedSendClass(stk[frame], stk[frame + 1]) : nullptr;
+        QelDictionaryEntry* method =
+            cls ? cachedMethod(*cur, cls, static_cast<QelString*>(stk[frame + 1].getRef())->c_str()) : nullptr;
+        entering = method ? calledProcedure(method->getValue()) : nullptr;
+        if (entering && depth_ < kMaxCallDepth) {
+          cls->addRef();
+          enteringClass = cls;
+          enteringArgs = n;
+          enteringFrame = frame;
+          ASSIGN(stk[frame + 1], stk[frame]);
+          goto enter_callee;
+        }
+        SLOW(send(n, nullptr));
+        NEXT();
+      }
       CASE(OP_CALL) {
         int n = static_cast<int>(cur->operand);
         int frame = sp - n;
-        QelVector* callee = frame >= 0 ? calledProcedure(stk[frame]) : nullptr;
-        if (callee && depth_ < kMaxCallDepth) {
-          // A script procedure runs here: the caller waits in a frame.
-          QelCallFrames::Frame& f = frames.push();
-          f.callerRecord = rec;
-          f.callerProc = procp;
-          f.callerBuffer = buf;
-          f.callerCode = code;
-          f.callerBp = bp;
-          f.callerFp = fp;
-          f.callerNargs = nargs;
-          f.resume = cur;
-          f.frameSlot = frame;
-          procp = callee;
-          buf = (*callee)[0];
-          callee->addRef();
-          buf->addRef();
-          f.record = QelProcInfo(callee, ValPtr(this, frame), ValPtr(this, sp), n);
-          rec = &f.record;
-          SAVE();
-          enterProc(f.record);
-          code = decodedFor(*buf);
-#if QEL_COMPUTED_GOTO
-          if (!code->linked) link(*code);
-#endif
-          bp = frame;
-          fp = sp;
-          nargs = static_cast<unsigned int>(n);
-          check = trace_ || step_;  // a fresh form matches its code
-          stale = true;
-          GO(code->ops.data());
+        entering = frame >= 0 ? calledProcedure(stk[frame]) : nullptr;
+        if (entering && depth_ < kMaxCallDepth) {
+          enteringClass = nullptr;
+          enteringArgs = n;
+          enteringFrame = frame;
+          goto enter_callee;
         }
         SLOW(callValue(n));
         NEXT();
+      }
+      enter_callee: {
+        // A script procedure runs here: the caller waits in a frame.
+        QelCallFrames::Frame& f = frames.push();
+        f.sendClass = enteringClass;
+        f.callerRecord = rec;
+        f.callerProc = procp;
+        f.callerBuffer = buf;
+        f.callerCode = code;
+        f.callerBp = bp;
+        f.callerFp = fp;
+        f.callerNargs = nargs;
+        f.resume = cur;
+        f.frameSlot = enteringFrame;
+        procp = entering;
+        buf = (*entering)[0];
+        entering->addRef();
+        buf->addRef();
+        f.record = QelProcInfo(entering, ValPtr(this, enteringFrame), ValPtr(this, sp), enteringArgs);
+        rec = &f.record;
+        SAVE();
+        enterProc(f.record);
+        code = decodedFor(*buf);
+#if QEL_COMPUTED_GOTO
+        if (!code->linked) link(*code);
+#endif
+        bp = enteringFrame;
+        fp = sp;
+        nargs = static_cast<unsigned int>(enteringArgs);
+        check = trace_ || step_;  // a fresh form matches its code
+        stale = true;
+        GO(code->ops.data());
       }
       CASE(OP_REF)
       CASE(OP_SET) {
@@ -657,9 +735,6 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
           PUSH_SLOT();
           if (!TOP.isNull()) GUARDED(TOP.dispose());
         }
-        NEXT();
-      CASE(OP_SEND)
-        SLOW(send(static_cast<int>(cur->operand), nullptr));
         NEXT();
       CASE(OP_DUP2)
         NEED_OPERANDS(1);
@@ -788,8 +863,13 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
 failed:
   // Every procedure this loop runs fails in turn, innermost first.
   while (frames.used > frameBase) {
-    LEAVE_CALLEE(frames.top());
-    frames.pop();
+    int frame = frames.top().frameSlot;
+    QelClass* sendClass = frames.top().sendClass;
+    LEAVE_CALLEE();
+    if (sendClass) {
+      endSend(frame);
+      sendClass->release();
+    }
   }
   code->release();
   return false;

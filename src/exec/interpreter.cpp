@@ -222,7 +222,7 @@ bool QelInterpreter::send(int n, const QelChar* name) {
   entry = cls->funcMembers().find(method);
   while (!entry) {
     // "BC_" sends skip to the base classes: a derived destructor reaches its base's.
-    if (method[0] == 'B' && method[1] == 'C' && method[2] == '_') method += 3;
+    if (isBaseCallName(method)) method += 3;
     cls = cls->getBaseClass();
     if (!cls) return missingMethod(method);
     entry = cls->funcMembers().find(method);
@@ -248,19 +248,22 @@ bool QelInterpreter::send(int n, const QelChar* name) {
       ok = returnError(method, u"has no method implementation\n");
       break;
   }
-  if (receiver >= 0) {
-    QelValue result(SP.at(0));
-    while (size() < static_cast<unsigned>(receiver) + 1) push_null();
-    (*this)[receiver] = result;
-    popTo(receiver);
-  }
+  endSend(receiver);
   return ok;
+}
+
+void QelInterpreter::endSend(int receiver) {
+  if (receiver < 0) return;
+  QelValue result(SP.at(0));
+  while (size() < static_cast<unsigned>(receiver) + 1) push_null();
+  (*this)[receiver] = result;
+  popTo(receiver);
 }
 
 // The class owning the running procedure when `method` is a "BC_" send from one of
 // its members to an object of it (or of a class derived from it); else null.
 QelClass* QelInterpreter::baseCallOwner(const QelChar* method, const QelClass* receiverClass) const {
-  if (method[0] != 'B' || method[1] != 'C' || method[2] != '_' || !proc_) return nullptr;
+  if (!isBaseCallName(method) || !proc_) return nullptr;
   QelVector* proc = proc_->procedure();
   QelClass* owner = proc && proc->size() > 1 ? static_cast<QelClass*>((*proc)[1]) : nullptr;
   return owner && receiverClass->isSubtypeOf(owner) ? owner : nullptr;

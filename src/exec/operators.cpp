@@ -396,8 +396,7 @@ bool QelInterpreter::doOP_VSET() {
       case QVT_BUFFERREF: {
         unsigned char b = static_cast<unsigned char>(value.toLong());
         QelBuffer* buffer = c;
-        (*buffer)[i] = b;
-        buffer->touch();  // the buffer may hold a procedure's code
+        (*buffer)[i] = b;  // counts as a change: the buffer may hold a procedure's code
         value = QelValue(static_cast<int32_t>(b));
         break;
       }

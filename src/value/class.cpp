@@ -161,6 +161,16 @@ int QelClass::getMemberIndex(const QelString& name) const {
 
 void QelClass::notifyObjDelete(QelObject* obj) { vm_->notifyObjDelete(obj); }
 
+bool QelClass::hasDestructor() const {
+  uint32_t epoch = QelDictionary::memberEpoch();
+  if (!dtorKnown_ || dtorEpoch_ != epoch) {
+    hasDtor_ = findMember(u"dtor", true) != nullptr;
+    dtorEpoch_ = epoch;
+    dtorKnown_ = true;
+  }
+  return hasDtor_;
+}
+
 QelObject::QelObject(QelClass* cls) : members_(nullptr), noticed_(false) {
   setFinishKind(true, false);
   if (!cls) return;

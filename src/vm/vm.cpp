@@ -104,7 +104,7 @@ bool QelVirtualMachine::registerNativeClass(const QelChar* name, QelClass* cls) 
 void QelVirtualMachine::notifyObjDelete(QelObject* obj) {
   if (!interpreter_ || !obj) return;
   QelClass* cls = obj->getClass();
-  if (!cls || !cls->findMember(u"dtor", true)) return;
+  if (!cls || !cls->hasDestructor()) return;
   ValPtr& sp = interpreter_->SP;
   int saved = sp.current();
   ++sp;
