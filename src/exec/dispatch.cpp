@@ -235,6 +235,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
   QelVector* entering = nullptr;
   int enteringArgs = 0, enteringFrame = 0;
   QelClass* enteringClass = nullptr;
+  bool leftSend = false;  // the callee that just returned was a send's method
   // Set after a step that may have changed the code or switched tracing on, and kept
   // set while tracing: the next dispatch looks at both.
   bool check = true;
@@ -285,11 +286,15 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     }                                                               \
   } while (0)
 // Ends a callee run in this loop (as a call ends: its record, then its code and
-// procedure let go) and takes the caller's state back from the top frame, which it
-// pops first: a release may run a destructor, whose calls take frames from here on.
+// procedure let go; a send then leaves the result in the receiver's slot and lets go
+// of the class, setting `leftSend`) and takes the caller's state back from the top
+// frame, which it pops first: a release may run a destructor, whose calls take frames
+// from here on.
 #define LEAVE_CALLEE()                             \
   do {                                             \
     const QelCallFrames::Frame& f_ = frames.top(); \
+    QelClass* sendClass_ = f_.sendClass;           \
+    int sendSlot_ = f_.frameSlot;                  \
     QelProcInfo* calleeRec_ = rec;                 \
     QelVector* calleeProc_ = procp;                \
     QelBuffer* calleeBuf_ = buf;                   \
@@ -306,6 +311,11 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     calleeCode_->release();                        \
     calleeBuf_->release();                         \
     calleeProc_->release();                        \
+    leftSend = sendClass_ != nullptr;              \
+    if (leftSend) {                                \
+      endSend(sendSlot_);                          \
+      sendClass_->release();                       \
+    }                                              \
   } while (0)
 #define TOP (stk[sp])
 #define FAIL(msg)                            \
@@ -574,15 +584,9 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         // slot and the stack ends there.
         const DecodedOp* resume = frames.top().resume;
         int frame = frames.top().frameSlot;
-        QelClass* sendClass = frames.top().sendClass;
         LEAVE_CALLEE();
-        if (sendClass) {
-          endSend(frame);
-          sendClass->release();
-          LOAD();
-          GO(resume->nextOp);
-        }
         LOAD();
+        if (leftSend) GO(resume->nextOp);
         if (frame < sp) {
           GUARDED(stk[frame] = std::move(stk[sp]));
           GUARDED(popTo(frame));
@@ -898,15 +902,7 @@ exhausted:
   returnError(kMsgOutOfMemory, nullptr);
 failed:
   // Every procedure this loop runs fails in turn, innermost first.
-  while (frames.used > frameBase) {
-    int frame = frames.top().frameSlot;
-    QelClass* sendClass = frames.top().sendClass;
-    LEAVE_CALLEE();
-    if (sendClass) {
-      endSend(frame);
-      sendClass->release();
-    }
-  }
+  while (frames.used > frameBase) LEAVE_CALLEE();
   code->release();
   return false;
 #undef DISPATCH_KIND
