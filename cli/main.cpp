@@ -7,8 +7,14 @@
 // a module file and is read instead of compiled; -m reads module files first; -c writes
 // the machine's module file instead of running. Standard output gets what scripts
 // print, the listing and the module reader's messages; standard error gets compiler
-// reports, show-info lines, runtime errors and the trace.
+// reports, show-info lines, runtime errors and the trace. Ctrl-C (SIGINT) stops a
+// running script: "interrupted" on standard error and exit status 130.
+#include <signal.h>
+
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -23,6 +29,7 @@ const int kExitCompile = 65;
 const int kExitNoInput = 66;
 const int kExitRuntime = 70;
 const int kExitCannotCreate = 73;
+const int kExitInterrupted = 130;  // as a shell reports a process ended by SIGINT
 
 const char kUsage[] =
     "usage: qel [options] FILE [ARG...]\n"
@@ -36,13 +43,17 @@ const char kUsage[] =
     "  -i          print a line per declared class and function (standard error)\n"
     "  -l          print the listing of every compiled procedure (standard output)\n"
     "  -t          trace every executed instruction (standard error)\n"
+    "  --max-instructions N\n"
+    "              stop the run after N instructions (runtime error)\n"
+    "  --max-memory BYTES\n"
+    "              stop the run when its heap objects pass BYTES (suffix K, M or G)\n"
     "  -h, --help  show this help\n"
     "  --version   show the version\n"
     "  --          end of options\n"
     "\n"
     "exit status: the procedure's integer result (0-255), 0 when it returns no integer;\n"
     "64 bad usage, 65 compile errors or a malformed module, 66 FILE or a module cannot be\n"
-    "opened, 70 runtime error, 73 OUT cannot be written.\n";
+    "opened, 70 runtime error, 73 OUT cannot be written, 130 interrupted (Ctrl-C).\n";
 
 struct Options {
   std::string entry = "main";
@@ -51,6 +62,8 @@ struct Options {
   bool showInfo = false;
   bool listing = false;
   bool trace = false;
+  uint64_t maxInstructions = 0;
+  uint64_t maxMemory = 0;
   std::string file;
   std::vector<std::string> args;
 };
@@ -59,6 +72,28 @@ int usageError(const std::string& message) {
   fprintf(stderr, "qel: %s\n", message.c_str());
   fputs("usage: qel [options] FILE [ARG...]   (qel --help for more)\n", stderr);
   return kExitUsage;
+}
+
+// A count with an optional K, M or G suffix (powers of 1024 when `suffixes`); false
+// for anything else.
+bool parseCount(const char* text, bool suffixes, uint64_t& value) {
+  if (*text < '0' || *text > '9') return false;
+  errno = 0;
+  char* end = nullptr;
+  unsigned long long n = strtoull(text, &end, 10);
+  if (errno == ERANGE) return false;
+  unsigned shift = 0;
+  if (suffixes && *end) {
+    switch (*end++) {
+      case 'K': case 'k': shift = 10; break;
+      case 'M': case 'm': shift = 20; break;
+      case 'G': case 'g': shift = 30; break;
+      default: return false;
+    }
+  }
+  if (*end || (shift && n > (UINT64_MAX >> shift))) return false;
+  value = static_cast<uint64_t>(n) << shift;
+  return true;
 }
 
 // Answers -1 when the options are complete, else the exit status to end with.
@@ -94,6 +129,12 @@ int parseOptions(int argc, char** argv, Options& opt) {
       opt.listing = true;
     } else if (a == "-t") {
       opt.trace = true;
+    } else if (a == "--max-instructions" || a == "--max-memory") {
+      bool memory = a == "--max-memory";
+      if (i + 1 >= argc || !parseCount(argv[i + 1], memory, memory ? opt.maxMemory : opt.maxInstructions)) {
+        return usageError("option " + a + (memory ? " needs a byte count (suffix K, M or G)" : " needs a count"));
+      }
+      ++i;
     } else {
       return usageError("unknown option " + a);
     }
@@ -133,6 +174,31 @@ int readModuleFile(QelVirtualMachine& vm, const std::string& file) {
     return kExitCompile;
   }
   return -1;
+}
+
+// The machine a Ctrl-C interrupts, and whether one came.
+QelVirtualMachine* g_running = nullptr;
+volatile sig_atomic_t g_interrupted = 0;
+
+void onInterrupt(int) {
+  g_interrupted = 1;
+  if (g_running) g_running->interrupt();
+}
+
+// Runs the entry procedure with SIGINT interrupting it; a blocked read gives up rather
+// than waiting on, so the script reaches its next instruction.
+bool runInterruptibly(QelVirtualMachine& vm, const QelString& entry, std::vector<const QelChar*>& argvText,
+                      bool trace, IQelPrinter& err) {
+  struct sigaction action = {}, previous = {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  g_running = &vm;
+  sigaction(SIGINT, &action, &previous);
+  const QelChar** procArgs = argvText.size() > 1 ? argvText.data() + 1 : nullptr;
+  bool ok = vm.execute(entry.c_str(), static_cast<int>(argvText.size()) - 1, procArgs, trace, &err, &err);
+  sigaction(SIGINT, &previous, nullptr);
+  g_running = nullptr;
+  return ok;
 }
 
 }  // namespace
@@ -184,9 +250,10 @@ int main(int argc, char** argv) {
     fprintf(stderr, "qel: no procedure named %s\n", opt.entry.c_str());
     return kExitRuntime;
   }
-  const QelChar** procArgs = argvText.size() > 1 ? argvText.data() + 1 : nullptr;
-  bool ok = vm.execute(entry.c_str(), static_cast<int>(argvText.size()) - 1, procArgs, opt.trace, &err, &err);
+  vm.setInstructionLimit(opt.maxInstructions);
+  vm.setMemoryLimit(static_cast<size_t>(opt.maxMemory));
+  bool ok = runInterruptibly(vm, entry, argvText, opt.trace, err);
   fflush(stdout);
-  if (!ok) return kExitRuntime;
+  if (!ok) return g_interrupted ? kExitInterrupted : kExitRuntime;
   return exitStatusOf(vm.getResult());
 }

@@ -42,6 +42,9 @@ class QEL_API QelDictionaryEntry {
     return *this;
   }
   virtual ~QelDictionaryEntry();
+  // Counted on the heap tally of the allocating thread (a machine's memory limit).
+  static void* operator new(size_t n);
+  static void operator delete(void* p, size_t n);
 
   void setValue(const QelValue& v) { value_ = v; }
   QelSymbolType getSymbolType() const { return type_; }

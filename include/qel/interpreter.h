@@ -6,6 +6,8 @@
 // errors append a line to `errors()` and make every enclosing call answer false.
 #pragma once
 
+#include <atomic>
+
 #include "qel/buffer.h"
 #include "qel/opcodes.h"
 #include "qel/vm.h"
@@ -74,8 +76,11 @@ class QEL_API QelInterpreter : public QelVector {
   // The string a value stands for, calling its "toString" when it is an object.
   QelString* getStringFromValue(QelValue& v);
 
-  // Deepest nesting of script calls before "stack overflow".
+  // The default deepest nesting of script calls before "stack overflow".
   static const int kMaxCallDepth;
+  // Deepest nesting of calls that run on the native stack (sends from operators and
+  // natives, calls from natives), whatever the machine's call depth allows.
+  static const int kMaxNativeDepth;
 
   ValPtr SP;
 
@@ -128,4 +133,10 @@ class QEL_API QelInterpreter : public QelVector {
   bool step_;
   int depth_;
   QelCallFrames* frames_ = nullptr;  // callers waiting in the dispatch loop
+  // The machine's limits, taken when the interpreter is made.
+  int maxDepth_;
+  int nativeDepth_ = 0;       // runs of the dispatch loop nested on the native stack
+  bool counting_;             // an instruction limit is set
+  uint64_t budget_;           // instructions this execution may still run
+  std::atomic<bool>& interrupt_;
 };

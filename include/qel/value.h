@@ -36,6 +36,9 @@ class QelDictionaryEntry;
 class QEL_API QelRefObject {
  public:
   virtual ~QelRefObject() {}
+  // Counted on the heap tally of the allocating thread (a machine's memory limit).
+  static void* operator new(size_t n);
+  static void operator delete(void* p, size_t n);
   int32_t addRef() { return ++refCnt_; }
   // Drops one count; at 0 or below the object deletes itself and 0 is answered.
   int32_t release() {

@@ -6,6 +6,10 @@
 // arguments and the result of the last execution.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
 #include "qel/class.h"
 #include "qel/printer.h"
 
@@ -50,6 +54,26 @@ class QEL_API QelVirtualMachine {
   // Keeps a class that a module read has replaced in `classes`: its objects and running
   // code may still use it. It is emptied with the registries, as registered classes are.
   void keepReplacedClass(const QelValue& cls);
+  // Limits on this machine's executions, each 0 for none (the default). A run that
+  // passes one fails as any runtime error does: the stack unwinds, dying objects' destructors
+  // run, and the machine runs the next execution normally.
+  // - At most this many instructions per execution: "instruction limit exceeded".
+  void setInstructionLimit(uint64_t instructions) { instructionLimit_ = instructions; }
+  uint64_t getInstructionLimit() const { return instructionLimit_; }
+  // - At most this many bytes of script-visible heap objects (strings, vectors, buffers,
+  //   dictionaries, objects and their storage) alive on the thread that runs the machine:
+  //   "out of memory".
+  void setMemoryLimit(size_t bytes) { memoryLimit_ = bytes; }
+  size_t getMemoryLimit() const { return memoryLimit_; }
+  // - Script calls nest at most this deep (default 2000; at least 1): "stack overflow".
+  void setMaxCallDepth(int depth) { maxCallDepth_ = depth < 1 ? 1 : depth; }
+  int getMaxCallDepth() const { return maxCallDepth_; }
+  // Stops the running execution at its next instruction with "interrupted". Safe to call
+  // from another thread or a signal handler; a request made while nothing runs is dropped
+  // when the next execution starts.
+  void interrupt() { interruptRequested_.store(true, std::memory_order_relaxed); }
+  std::atomic<bool>& interruptFlag() { return interruptRequested_; }
+
   // Asks the host's wait procedure whether single-stepping goes on; false without one.
   bool dbgWait();
   bool (*setDbgWaitProc(bool (*proc)()))();
@@ -81,4 +105,8 @@ class QEL_API QelVirtualMachine {
   int cmdargc_;
   const QelChar** cmdargv_;
   bool (*dbgWaitProc_)();
+  uint64_t instructionLimit_ = 0;
+  size_t memoryLimit_ = 0;
+  int maxCallDepth_;
+  std::atomic<bool> interruptRequested_{false};
 };

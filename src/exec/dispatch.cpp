@@ -15,6 +15,7 @@
 
 #include "exec/decoded.h"
 #include "exec/messages.h"
+#include "value/heap.h"
 #include "qel/debugger.h"
 #include "qel/interpreter.h"
 
@@ -228,11 +229,13 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
   uint32_t operand = 0;
   Sources sources;
   bool stale = true;  // the sources must be refreshed before a fused load reads them
+  HeapTally& heap = tHeapTally;
   // A script procedure about to run in this loop: its arguments, the slot it stands in
   // and, for a send, the receiver's class.
   QelVector* entering = nullptr;
   int enteringArgs = 0, enteringFrame = 0;
   QelClass* enteringClass = nullptr;
+  bool leftSend = false;  // the callee that just returned was a send's method
   // Set after a step that may have changed the code or switched tracing on, and kept
   // set while tracing: the next dispatch looks at both.
   bool check = true;
@@ -275,12 +278,23 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     }                              \
   } while (0)
 #define PROC (*procp)
+// Every branch and call looks for an interrupt request, so no loop or recursion misses it.
+#define POLL()                                                      \
+  do {                                                              \
+    if (QEL_UNLIKELY(interrupt_.load(std::memory_order_relaxed))) { \
+      goto interrupted;                                             \
+    }                                                               \
+  } while (0)
 // Ends a callee run in this loop (as a call ends: its record, then its code and
-// procedure let go) and takes the caller's state back from the top frame, which it
-// pops first: a release may run a destructor, whose calls take frames from here on.
+// procedure let go; a send then leaves the result in the receiver's slot and lets go
+// of the class, setting `leftSend`) and takes the caller's state back from the top
+// frame, which it pops first: a release may run a destructor, whose calls take frames
+// from here on.
 #define LEAVE_CALLEE()                             \
   do {                                             \
     const QelCallFrames::Frame& f_ = frames.top(); \
+    QelClass* sendClass_ = f_.sendClass;           \
+    int sendSlot_ = f_.frameSlot;                  \
     QelProcInfo* calleeRec_ = rec;                 \
     QelVector* calleeProc_ = procp;                \
     QelBuffer* calleeBuf_ = buf;                   \
@@ -297,6 +311,11 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     calleeCode_->release();                        \
     calleeBuf_->release();                         \
     calleeProc_->release();                        \
+    leftSend = sendClass_ != nullptr;              \
+    if (leftSend) {                                \
+      endSend(sendSlot_);                          \
+      sendClass_->release();                       \
+    }                                              \
   } while (0)
 #define TOP (stk[sp])
 #define FAIL(msg)                            \
@@ -305,13 +324,15 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     returnError(msg, nullptr);               \
     goto failed;                             \
   } while (0)
-// Runs an operation that works on the interpreter's cursor.
-#define SLOW(call)        \
-  do {                    \
-    SAVE();               \
-    bool ok_ = (call);    \
-    LOAD();               \
-    if (!ok_) goto failed; \
+// Runs an operation that works on the interpreter's cursor. Whatever allocates runs
+// here, so this is where an allocation past the memory limit fails the run.
+#define SLOW(call)                               \
+  do {                                           \
+    SAVE();                                      \
+    bool ok_ = (call);                           \
+    LOAD();                                      \
+    if (!ok_) goto failed;                       \
+    if (QEL_UNLIKELY(heap.over)) goto exhausted; \
   } while (0)
 // A statement that may release a value.
 #define GUARDED(stmt) \
@@ -420,9 +441,18 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
 #endif
         cur = &fresh->ops[static_cast<size_t>(at)];
       }
-      check = trace_ || step_;
+      check = trace_ || step_ || counting_;
       if (check) {
-        if (cur->kind != DK_RAN_OFF) {
+        if (counting_) {
+          // Under an instruction limit every instruction runs alone and counts.
+          POLL();
+          if (QEL_UNLIKELY(budget_ == 0)) {
+            budget_ = vm_.getInstructionLimit();  // a fresh allowance for the unwinding's destructors
+            FAIL(kMsgInstructionLimit);
+          }
+          --budget_;
+        }
+        if ((trace_ || step_) && cur->kind != DK_RAN_OFF) {
           SAVE();
           if (debugger_) {
             debugger_->traceInstruction(SP, ValPtr(this, bp), ValPtr(this, fp), cur->width,
@@ -446,10 +476,13 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       CASE(OP_NOP)
         NEXT();
       CASE(OP_BRT)
+        POLL();
         GO(TOP.toLong() != 0 ? cur->targetOp : cur->nextOp);
       CASE(OP_BRF)
+        POLL();
         GO(TOP.toLong() == 0 ? cur->targetOp : cur->nextOp);
       CASE(OP_BR)
+        POLL();
         GO(cur->targetOp);
       CASE(OP_NIL)
         GUARDED(TOP.dispose());
@@ -551,15 +584,9 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         // slot and the stack ends there.
         const DecodedOp* resume = frames.top().resume;
         int frame = frames.top().frameSlot;
-        QelClass* sendClass = frames.top().sendClass;
         LEAVE_CALLEE();
-        if (sendClass) {
-          endSend(frame);
-          sendClass->release();
-          LOAD();
-          GO(resume->nextOp);
-        }
         LOAD();
+        if (leftSend) GO(resume->nextOp);
         if (frame < sp) {
           GUARDED(stk[frame] = std::move(stk[sp]));
           GUARDED(popTo(frame));
@@ -577,7 +604,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         QelDictionaryEntry* method =
             cls ? cachedMethod(*cur, cls, static_cast<QelString*>(stk[frame + 1].getRef())->c_str()) : nullptr;
         entering = method ? calledProcedure(method->getValue()) : nullptr;
-        if (entering && depth_ < kMaxCallDepth) {
+        if (entering && depth_ < maxDepth_) {
           cls->addRef();
           enteringClass = cls;
           enteringArgs = n;
@@ -592,7 +619,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         int n = static_cast<int>(cur->operand);
         int frame = sp - n;
         entering = frame >= 0 ? calledProcedure(stk[frame]) : nullptr;
-        if (entering && depth_ < kMaxCallDepth) {
+        if (entering && depth_ < maxDepth_) {
           enteringClass = nullptr;
           enteringArgs = n;
           enteringFrame = frame;
@@ -603,6 +630,10 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
       }
       enter_callee: {
         // A script procedure runs here: the caller waits in a frame.
+        if (QEL_UNLIKELY(interrupt_.load(std::memory_order_relaxed))) {
+          if (enteringClass) enteringClass->release();
+          goto interrupted;
+        }
         QelCallFrames::Frame& f = frames.push();
         f.sendClass = enteringClass;
         f.callerRecord = rec;
@@ -629,7 +660,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         bp = enteringFrame;
         fp = sp;
         nargs = static_cast<unsigned int>(enteringArgs);
-        check = trace_ || step_;  // a fresh form matches its code
+        check = trace_ || step_ || counting_;  // a fresh form matches its code
         stale = true;
         GO(code->ops.data());
       }
@@ -811,6 +842,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
           int32_t r = fusedResult(cur->binary, a, b);
           TOP.assignPlain(QelValue(r));
           if (cur->kind == DK_LOAD_LOAD_OP) GO(cur->afterOp);
+          POLL();
           GO((r != 0) == (cur->branch == OP_BRT) ? cur->branchOp : cur->afterOp);
         }
         DISPATCH_PLAIN();
@@ -860,17 +892,17 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
     }
 #endif
   }
+interrupted:
+  interrupt_.store(false, std::memory_order_relaxed);
+  SAVE();
+  returnError(kMsgInterrupted, nullptr);
+  goto failed;
+exhausted:
+  heap.over = false;  // what the unwinding's destructors allocate is looked at anew
+  returnError(kMsgOutOfMemory, nullptr);
 failed:
   // Every procedure this loop runs fails in turn, innermost first.
-  while (frames.used > frameBase) {
-    int frame = frames.top().frameSlot;
-    QelClass* sendClass = frames.top().sendClass;
-    LEAVE_CALLEE();
-    if (sendClass) {
-      endSend(frame);
-      sendClass->release();
-    }
-  }
+  while (frames.used > frameBase) LEAVE_CALLEE();
   code->release();
   return false;
 #undef DISPATCH_KIND
@@ -896,4 +928,5 @@ failed:
 #undef FRESH_SOURCES
 #undef PROC
 #undef LEAVE_CALLEE
+#undef POLL
 }

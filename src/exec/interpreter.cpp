@@ -5,6 +5,7 @@
 #include "qel/debugger.h"
 
 const int QelInterpreter::kMaxCallDepth = 2000;
+const int QelInterpreter::kMaxNativeDepth = 2000;
 
 namespace {
 
@@ -45,7 +46,11 @@ QelInterpreter::QelInterpreter(QelVirtualMachine& vm)
       debugger_(nullptr),
       trace_(false),
       step_(false),
-      depth_(0) {
+      depth_(0),
+      maxDepth_(vm.getMaxCallDepth()),
+      counting_(vm.getInstructionLimit() != 0),
+      budget_(vm.getInstructionLimit()),
+      interrupt_(vm.interruptFlag()) {
   addRef();  // values that refer to the stack never free it
   reset();
 }
@@ -101,7 +106,7 @@ bool QelInterpreter::execute(const QelChar* name, int argc, const QelChar** argv
 }
 
 bool QelInterpreter::enterProc(QelProcInfo& record) {
-  if (depth_ >= kMaxCallDepth) return returnError(kMsgStackOverflow, nullptr);
+  if (depth_ >= maxDepth_) return returnError(kMsgStackOverflow, nullptr);
   ++depth_;
   record.setParent(proc_);
   proc_ = &record;
@@ -126,8 +131,12 @@ bool QelInterpreter::call(int nargs, QelVector* byteCode) {
   int sp = SP.current();
   QelProcInfo record(byteCode, ValPtr(this, sp - nargs), ValPtr(this, sp), nargs);
   bool ok = false;
-  if (enterProc(record)) {
+  if (nativeDepth_ >= kMaxNativeDepth) {
+    returnError(kMsgStackOverflow, nullptr);
+  } else if (enterProc(record)) {
+    ++nativeDepth_;
     ok = run(record, *code);
+    --nativeDepth_;
     leaveProc(record);
   }
   code->release();

@@ -16,6 +16,9 @@ inline constexpr QelChar kMsgRanOffCode[] = u"end of code reached without return
 inline constexpr QelChar kMsgBadLiteral[] = u"literal index out of range";
 inline constexpr QelChar kMsgObjectExpected[] = u"object expected";
 inline constexpr QelChar kMsgMemberDataExpected[] = u"member data expected";
+inline constexpr QelChar kMsgInstructionLimit[] = u"instruction limit exceeded";
+inline constexpr QelChar kMsgInterrupted[] = u"interrupted";
+inline constexpr QelChar kMsgOutOfMemory[] = u"out of memory";
 
 // The built-ins' argument messages.
 inline constexpr QelChar kMsgInvalidArgumentType[] = u"invalid argument type";

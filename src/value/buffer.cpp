@@ -5,6 +5,7 @@
 
 #include "qel/buffer.h"
 #include "qel/platform.h"
+#include "value/heap.h"
 
 namespace {
 
@@ -12,17 +13,26 @@ template <typename T>
 T* allocZeroed(unsigned int n) {
   T* block = static_cast<T*>(calloc(n, sizeof(T)));
   if (!block) errorExit(1);
+  qel::heapTook(block);
   return block;
 }
 
 // Reallocates to n elements, zeroing what is added.
 template <typename T>
 T* resizeZeroed(T* block, unsigned int oldCap, unsigned int n) {
+  qel::heapGave(block);
   void* p = realloc(block, static_cast<size_t>(n) * sizeof(T));
   if (!p) errorExit(1);
+  qel::heapTook(p);
   T* grown = static_cast<T*>(p);
   if (n > oldCap) memset(grown + oldCap, 0, (n - oldCap) * sizeof(T));
   return grown;
+}
+
+template <typename T>
+void freeStorage(T* block) {
+  qel::heapGave(block);
+  free(block);
 }
 
 }  // namespace
@@ -45,7 +55,7 @@ QelBuffer& QelBuffer::operator=(const QelBuffer& b) {
   ++version_;
   unsigned char* block = allocZeroed<unsigned char>(b.capacity_);
   memcpy(block, b.data_, b.size_);
-  free(data_);
+  freeStorage(data_);
   data_ = block;
   size_ = b.size_;
   capacity_ = b.capacity_;
@@ -54,7 +64,7 @@ QelBuffer& QelBuffer::operator=(const QelBuffer& b) {
 
 QelBuffer::~QelBuffer() {
   if (cache_) cache_->release();
-  free(data_);
+  freeStorage(data_);
 }
 
 void QelBuffer::setCache(QelBufferCache* cache) {
@@ -159,14 +169,14 @@ QelCharBuffer& QelCharBuffer::operator=(const QelCharBuffer& b) {
   if (this == &b) return *this;
   QelChar* block = allocZeroed<QelChar>(b.capacity_);
   memcpy(block, b.data_, b.size_ * sizeof(QelChar));
-  free(data_);
+  freeStorage(data_);
   data_ = block;
   size_ = b.size_;
   capacity_ = b.capacity_;
   return *this;
 }
 
-QelCharBuffer::~QelCharBuffer() { free(data_); }
+QelCharBuffer::~QelCharBuffer() { freeStorage(data_); }
 
 unsigned int QelCharBuffer::setCapacity(unsigned int n) {
   if (n == 0) n = 1;

@@ -22,6 +22,7 @@ constexpr unsigned int kIndexFrom = 8;
 constexpr size_t kMinSlots = 16;
 
 bool sameText(const QelChar* a, const QelChar* b) {
+  if (a == b) return true;  // a key looked up with the very string it was stored under
   for (; *a == *b; ++a, ++b) {
     if (!*a) return true;
   }
@@ -36,6 +37,7 @@ struct QelDictionary::Index {
   struct Slot {
     QelDictionaryEntry* entry;  // null for a free slot
     QelDictionaryEntry* prev;   // the entry before it in the chain, null for the first
+    uint32_t hash;              // the entry's key hash, so probes need not visit entries
   };
   uint32_t mask;
   QelDictionaryEntry* last;  // the chain's last entry
@@ -60,7 +62,7 @@ struct QelDictionary::Index {
     Slot* s = slots();
     uint32_t i = e->hash_ & mask;
     while (s[i].entry) i = (i + 1) & mask;
-    s[i] = {e, prev};
+    s[i] = {e, prev, e->hash_};
   }
 
   Slot* slotOf(const QelDictionaryEntry* e) {
@@ -118,13 +120,13 @@ struct QelDictionary::Index {
     Slot* s = slots();
     uint32_t hole = static_cast<uint32_t>(slot - s);
     for (uint32_t i = (hole + 1) & mask; s[i].entry; i = (i + 1) & mask) {
-      uint32_t home = s[i].entry->hash_ & mask;
+      uint32_t home = s[i].hash & mask;
       if (((i - home) & mask) >= ((i - hole) & mask)) {
         s[hole] = s[i];
         hole = i;
       }
     }
-    s[hole] = {nullptr, nullptr};
+    s[hole] = {nullptr, nullptr, 0};
   }
 };
 
@@ -358,8 +360,9 @@ void QelDictionary::dropIndex() {
 QelDictionaryEntry* QelDictionary::indexFind(const QelChar* key, uint32_t hash) const {
   Index::Slot* s = index_->slots();
   for (uint32_t i = hash & index_->mask; s[i].entry; i = (i + 1) & index_->mask) {
+    if (s[i].hash != hash) continue;
     QelDictionaryEntry* e = s[i].entry;
-    if (e->hash_ == hash && e->key_ && sameText(e->key_->c_str(), key)) return e;
+    if (e->key_ && sameText(e->key_->c_str(), key)) return e;
   }
   return nullptr;
 }

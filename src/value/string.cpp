@@ -7,11 +7,19 @@
 #include "qel/buffer.h"
 #include "qel/platform.h"
 #include "qel/string.h"
+#include "value/heap.h"
 
 namespace {
 
 QelChar* allocText(unsigned int length) {
-  return static_cast<QelChar*>(allocmem((length + 1) * sizeof(QelChar)));
+  auto* block = static_cast<QelChar*>(allocmem((length + 1) * sizeof(QelChar)));
+  qel::heapTook(block);
+  return block;
+}
+
+void freeText(QelChar* block) {
+  qel::heapGave(block);
+  free(block);
 }
 
 QelChar* copyText(const QelChar* text, unsigned int length) {
@@ -22,8 +30,10 @@ QelChar* copyText(const QelChar* text, unsigned int length) {
 }
 
 QelChar* resizeText(QelChar* block, unsigned int length) {
+  qel::heapGave(block);
   void* p = realloc(block, (length + 1) * sizeof(QelChar));
   if (!p) errorExit(1);
+  qel::heapTook(p);
   return static_cast<QelChar*>(p);
 }
 
@@ -163,12 +173,12 @@ QelString::QelString(const QelString& s) : QelRefObject(), str_(nullptr) {
 QelString& QelString::operator=(const QelString& s) {
   if (this == &s) return *this;
   QelChar* copy = s.str_ ? copyText(s.str_, s.length()) : nullptr;
-  free(str_);
+  freeText(str_);
   str_ = copy;
   return *this;
 }
 
-QelString::~QelString() { free(str_); }
+QelString::~QelString() { freeText(str_); }
 
 unsigned int QelString::length() const { return qelStrLen(str_); }
 
@@ -259,7 +269,7 @@ QelString& QelString::erase(unsigned int pos, int32_t n) {
   memmove(str_ + pos, str_ + pos + count, (len - pos - count + 1) * sizeof(QelChar));
   unsigned int newLen = len - count;
   if (newLen == 0) {
-    free(str_);
+    freeText(str_);
     str_ = nullptr;
   } else {
     str_ = resizeText(str_, newLen);
@@ -334,13 +344,14 @@ QelString& QelString::replace(QelChar a, QelChar b) {
 }
 
 void QelString::clear() {
-  free(str_);
+  freeText(str_);
   str_ = nullptr;
 }
 
 QelString QelString::adopt(QelChar* block) {
   QelString s;
   s.str_ = block;
+  qel::heapTook(block);  // text the formatter built
   return s;
 }
 
@@ -594,5 +605,8 @@ QelString::QelString(const QelChar* text, unsigned int count, ValPtr& args) : st
       out.write(token, static_cast<size_t>(p - token));
     }
   }
-  if (out.length()) str_ = out.take();
+  if (out.length()) {
+    str_ = out.take();
+    qel::heapTook(str_);  // text the builder made
+  }
 }

@@ -5,11 +5,19 @@
 
 #include "qel/dictionary.h"
 #include "qel/platform.h"
+#include "value/heap.h"
 
 namespace {
 
 QelValue* allocCells(unsigned int n) {
-  return static_cast<QelValue*>(calloc(n, sizeof(QelValue)));
+  void* block = calloc(n, sizeof(QelValue));
+  qel::heapTook(block);
+  return static_cast<QelValue*>(block);
+}
+
+void freeCells(QelValue* cells) {
+  qel::heapGave(cells);
+  free(cells);
 }
 
 const QelValue kNullValue;
@@ -51,13 +59,13 @@ QelVector& QelVector::operator=(const QelVector& v) {
   size_ = v.size_;
   capacity_ = cap;
   for (unsigned int i = 0; i < oldSize; ++i) old[i].dispose();
-  free(old);
+  freeCells(old);
   return *this;
 }
 
 QelVector::~QelVector() {
   for (unsigned int i = 0; i < size_; ++i) data_[i].dispose();
-  free(data_);
+  freeCells(data_);
 }
 
 unsigned int QelVector::setCapacity(unsigned int n) {
@@ -65,8 +73,10 @@ unsigned int QelVector::setCapacity(unsigned int n) {
   if (n < size_) n = size_;
   if (n == capacity_ && data_) return capacity_;
   // Cells are moved bitwise: a value owns nothing that depends on its address.
+  qel::heapGave(data_);
   void* block = realloc(static_cast<void*>(data_), static_cast<size_t>(n) * sizeof(QelValue));
   if (!block) errorExit(1);
+  qel::heapTook(block);
   data_ = static_cast<QelValue*>(block);
   if (n > capacity_) memset(static_cast<void*>(data_ + capacity_), 0, (n - capacity_) * sizeof(QelValue));
   capacity_ = n;

@@ -10,6 +10,7 @@
 #include "qel/interpreter.h"
 #include "qel/platform.h"
 #include "platform/files.h"
+#include "value/heap.h"
 
 QelVirtualMachine::QelVirtualMachine(IQelPrinter* printer)
     : classes_(new QelDictionary(false)),
@@ -20,7 +21,8 @@ QelVirtualMachine::QelVirtualMachine(IQelPrinter* printer)
       ownsPrinter_(printer == nullptr),
       cmdargc_(0),
       cmdargv_(nullptr),
-      dbgWaitProc_(nullptr) {
+      dbgWaitProc_(nullptr),
+      maxCallDepth_(QelInterpreter::kMaxCallDepth) {
   if (!printer_) printer_ = new QelDummyPrinter();
   classes_->addRef();
   symbols_->addRef();
@@ -120,6 +122,13 @@ bool QelVirtualMachine::execute(const QelChar* name, int argc, const QelChar** a
                                 IQelPrinter* errorPrinter, IQelPrinter* tracePrinter) {
   if (!name) return false;
   QelInterpreter* previous = interpreter_;
+  if (!previous) interruptRequested_.store(false, std::memory_order_relaxed);
+  qel::HeapTally& heap = qel::tHeapTally;
+  int64_t outerLimit = heap.limit;
+  heap.limit = static_cast<int64_t>(memoryLimit_ > INT64_MAX ? INT64_MAX : memoryLimit_);
+  // The last result goes first: a run stopped by the memory limit leaves what it built there.
+  if (!previous) result_ = QelValue();
+  heap.over = false;
   QelInterpreter* interp = new QelInterpreter(*this);
   interpreter_ = interp;
   QelDebugger debugger(*this, tracePrinter);
@@ -134,6 +143,8 @@ bool QelVirtualMachine::execute(const QelChar* name, int argc, const QelChar** a
   interpreter_ = previous;
   interp->setRefCnt(0);
   delete interp;
+  heap.limit = outerLimit;
+  heap.over = false;
   return ok;
 }
 
