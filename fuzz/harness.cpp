@@ -153,17 +153,10 @@ const std::string& writeScratch(int which, const uint8_t* data, size_t size) {
   return path;
 }
 
-namespace {
-// The instruction limit where the machine has one; nothing otherwise.
-template <class VM>
-auto setLimit(VM& vm, uint64_t n, int) -> decltype(vm.setInstructionLimit(n), void()) {
-  vm.setInstructionLimit(n);
+void limitInstructions(QelVirtualMachine& vm) {
+  vm.setInstructionLimit(kInstructionBudget);
+  vm.setMemoryLimit(kMemoryBudget);
 }
-template <class VM>
-void setLimit(VM&, uint64_t, long) {}
-}  // namespace
-
-void limitInstructions(QelVirtualMachine& vm) { setLimit(vm, kInstructionBudget, 0); }
 
 bool runMain(QelVirtualMachine& vm, IQelPrinter& printer) {
   limitInstructions(vm);

@@ -17,6 +17,9 @@ namespace qelfuzz {
 
 // Instructions one fuzzed run of a procedure may execute before it fails.
 constexpr uint64_t kInstructionBudget = 100000;
+// Bytes of script-visible heap objects a fuzzed run may hold: a script that doubles a
+// string in a loop fails with "out of memory" long before the process runs out.
+constexpr size_t kMemoryBudget = size_t(64) << 20;
 
 // Keeps at most the last kKeep characters printed: fuzzed scripts print a lot, and the
 // text itself is never looked at, but it is still formatted as a real printer would.
@@ -49,7 +52,7 @@ const std::string& writeScratch(int which, const uint8_t* data, size_t size);
 // Runs "main" with no arguments under the instruction budget; false when it fails.
 bool runMain(QelVirtualMachine& vm, IQelPrinter& printer);
 
-// The budget on a machine (what runMain sets).
+// The instruction and memory budgets on a machine (what runMain sets).
 void limitInstructions(QelVirtualMachine& vm);
 
 }  // namespace qelfuzz
