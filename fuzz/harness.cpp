@@ -109,9 +109,10 @@ int BoundedPrinter::operator()(const QelChar* fmt, ...) {
   va_start(ap, fmt);
   QelString piece = QelString::vformat(fmt, ap);
   va_end(ap);
-  if (text_.length() + piece.length() > kKeep) text_.clear();
-  if (piece.length() <= kKeep) text_ += piece;
-  return static_cast<int>(piece.length());
+  size_t length = piece.length();
+  if (text_.size() + length > kKeep) text_.clear();
+  if (length <= kKeep) text_.append(piece.c_str(), length);
+  return static_cast<int>(length);
 }
 
 std::u16string toText(const uint8_t* data, size_t size) {

@@ -29,7 +29,8 @@ class BoundedPrinter : public IQelPrinter {
   int operator()(const QelChar* fmt, ...) override;
 
  private:
-  QelString text_;
+  // Appending is amortized constant time: a loop of prints stays linear.
+  std::u16string text_;
 };
 
 // The input as engine text: UTF-8 converted to UTF-16 (invalid bytes become U+FFFD,
