@@ -5,17 +5,8 @@
 #   limits.sh QEL
 set -u
 qel=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failed=0
-
-# check WHAT EXPECTED ACTUAL
-check() {
-  if [ "$2" != "$3" ]; then
-    echo "FAIL $1: expected [$2], got [$3]"
-    failed=1
-  fi
-}
+# shellcheck source=common.sh
+. "$(dirname "$0")/common.sh"
 
 cat > "$work/limits.qel" <<'QEL'
 class Guard { Guard(); ~Guard(); }

@@ -8,17 +8,8 @@ set -u
 qel=$1
 here=$(cd "$(dirname "$0")" && pwd)
 scripts=$here/../scripts
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failed=0
-
-# check WHAT EXPECTED ACTUAL
-check() {
-  if [ "$2" != "$3" ]; then
-    echo "FAIL $1: expected [$2], got [$3]"
-    failed=1
-  fi
-}
+# shellcheck source=common.sh
+. "$(dirname "$0")/common.sh"
 
 cat > "$work/prog.qel" <<'QEL'
 class Greeter { who; Greeter(w); hello(); }
