@@ -43,6 +43,7 @@ const char kUsage[] =
     "  -i          print a line per declared class and function (standard error)\n"
     "  -l          print the listing of every compiled procedure (standard output)\n"
     "  -t          trace every executed instruction (standard error)\n"
+    "  --check     compile FILE (or read the module file) and report; run nothing\n"
     "  --max-instructions N\n"
     "              stop the run after N instructions (runtime error)\n"
     "  --max-memory BYTES\n"
@@ -62,6 +63,7 @@ struct Options {
   bool showInfo = false;
   bool listing = false;
   bool trace = false;
+  bool check = false;
   uint64_t maxInstructions = 0;
   uint64_t maxMemory = 0;
   std::string file;
@@ -129,6 +131,8 @@ int parseOptions(int argc, char** argv, Options& opt) {
       opt.listing = true;
     } else if (a == "-t") {
       opt.trace = true;
+    } else if (a == "--check") {
+      opt.check = true;
     } else if (a == "--max-instructions" || a == "--max-memory") {
       bool memory = a == "--max-memory";
       if (i + 1 >= argc || !parseCount(argv[i + 1], memory, memory ? opt.maxMemory : opt.maxInstructions)) {
@@ -196,6 +200,7 @@ bool runInterruptibly(QelVirtualMachine& vm, const QelString& entry, std::vector
   sigaction(SIGINT, &action, &previous);
   const QelChar** procArgs = argvText.size() > 1 ? argvText.data() + 1 : nullptr;
   bool ok = vm.execute(entry.c_str(), static_cast<int>(argvText.size()) - 1, procArgs, trace, &err, &err);
+  if (!ok) err(u"%s", vm.lastTraceback().c_str());
   sigaction(SIGINT, &previous, nullptr);
   g_running = nullptr;
   return ok;
@@ -236,6 +241,10 @@ int main(int argc, char** argv) {
   } else if (!vm.compileFile(texts[0].c_str(), opt.showInfo, opt.listing, &err, &out)) {
     fflush(stdout);
     return kExitCompile;
+  }
+  if (opt.check) {
+    fflush(stdout);
+    return 0;
   }
   if (!opt.output.empty()) {
     bool written = vm.writeModule(QelString(opt.output.c_str()).c_str());

@@ -7,6 +7,7 @@
 #include "qel/vector.h"
 #include "qel/string.h"
 #include "qel/buffer.h"
+#include "qel/lines.h"
 #include "qel/dictionary.h"
 #include "qel/class.h"
 #include "qel/printer.h"

@@ -8,6 +8,8 @@
 
 #include "qel/value.h"
 
+class QelLineTable;
+
 // Something built from a buffer's bytes and kept with it (the interpreter keeps the
 // decoded form of a procedure's code here). The buffer lets go of it when it dies.
 class QEL_API QelBufferCache {
@@ -98,6 +100,10 @@ class QEL_API QelBuffer : public QelRefObject {
   QelBufferCache* cache() const { return cache_; }
   // Keeps `cache` with the buffer, letting go of the one it had.
   void setCache(QelBufferCache* cache);
+  // The source lines of the code the compiler put here, or null. The buffer owns the
+  // table; a copy of the buffer has none.
+  const QelLineTable* lines() const { return lines_; }
+  void setLines(QelLineTable* lines);
 
  private:
   unsigned int size_;
@@ -105,6 +111,7 @@ class QEL_API QelBuffer : public QelRefObject {
   unsigned char* data_;
   uint32_t version_ = 0;
   QelBufferCache* cache_ = nullptr;
+  QelLineTable* lines_ = nullptr;
 };
 
 class QEL_API QelCharBuffer : public QelRefObject {

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "qel/debugger.h"
+#include "qel/lines.h"
 #include "qel/scanner.h"
 #include "qel/vm.h"
 
@@ -67,6 +68,13 @@ class QEL_API QelCompiler {
 
   bool compile();
   bool compileWith(QelScanner& scanner);
+  // The next token; inside a function body it also marks the code that follows as
+  // coming from the token's line.
+  QelToken _token();
+  // Marks the code that follows as coming from `line`.
+  void _markLine(int32_t line) {
+    if (lines_) lines_->mark(linesCode_->size(), line);
+  }
 
   // Bounds the compiler's own recursion: source nested deeper than this (parentheses,
   // blocks, literals, calls) is an error that ends the compilation, not a native stack
@@ -173,4 +181,7 @@ class QEL_API QelCompiler {
   bool showInfo_;
   int nesting_ = 0;
   bool tooDeep_ = false;  // the rest of the source was skipped; reports are silent
+  // The line table and code of the function body being compiled, or null.
+  QelLineTable* lines_ = nullptr;
+  QelBuffer* linesCode_ = nullptr;
 };

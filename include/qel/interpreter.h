@@ -76,6 +76,18 @@ class QEL_API QelInterpreter : public QelVector {
   // The string a value stands for, calling its "toString" when it is an object.
   QelString* getStringFromValue(QelValue& v);
 
+  // The calls that were active where the last failure happened, innermost first. A
+  // failure is noted call by call as it travels outwards; one whose caller goes on
+  // anyway (a destructor's, for instance) is forgotten again.
+  const std::vector<QelTraceFrame>& traceback() const { return traceback_; }
+  struct FailureMark {
+    size_t frames;
+    bool unwinding;
+  };
+  FailureMark failureMark() const { return {traceback_.size(), unwinding_}; }
+  // Forgets what a failure noted since `mark`: the caller went on.
+  void forgetFailure(const FailureMark& mark);
+
   // The default deepest nesting of script calls before "stack overflow".
   static const int kMaxCallDepth;
   // Deepest nesting of calls that run on the native stack (sends from operators and
@@ -121,6 +133,11 @@ class QEL_API QelInterpreter : public QelVector {
   bool numericBinary(int op);
   bool bitwiseBinary(int op);
   void popTo(int slot);
+  // Notes a failing script call standing at `pc`, or a failing native.
+  void noteProcedure(QelVector* proc, uint32_t pc);
+  void noteNative(const QelChar* className, const QelChar* name);
+  void noteFrame(QelTraceFrame&& frame);
+  const QelChar* nativeName(QelNativeFunction fn);
 
   QelDictionary& classes_;
   QelDictionary& symbols_;
@@ -133,6 +150,8 @@ class QEL_API QelInterpreter : public QelVector {
   bool step_;
   int depth_;
   QelCallFrames* frames_ = nullptr;  // callers waiting in the dispatch loop
+  std::vector<QelTraceFrame> traceback_;
+  bool unwinding_ = false;  // a failure is on its way out and being noted
   // The machine's limits, taken when the interpreter is made.
   int maxDepth_;
   int nativeDepth_ = 0;       // runs of the dispatch loop nested on the native stack

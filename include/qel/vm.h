@@ -9,11 +9,21 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "qel/class.h"
 #include "qel/printer.h"
 
 class QelInterpreter;
+
+// One call that was active where an execution failed.
+struct QelTraceFrame {
+  QelString className;  // the procedure's class; "" for a global function or native
+  QelString name;       // the procedure's, method's or native function's name
+  QelString source;     // the source the procedure was compiled from; "" when unknown
+  int32_t line = 0;     // the line it stood at; 0 when unknown
+  bool native = false;  // a native function or method
+};
 
 class QEL_API QelVirtualMachine {
  public:
@@ -86,6 +96,11 @@ class QEL_API QelVirtualMachine {
   IQelPrinter& printer() { return *printer_; }
   QelInterpreter* interpreter() { return interpreter_; }
   const QelValue& getResult() const { return result_; }
+  // Where the last execution failed: the calls that were active, innermost first;
+  // empty after a run that succeeded. As text, one frame a line:
+  // "  at Counter::add (counter.qel:12)", just the name where no line is known.
+  const std::vector<QelTraceFrame>& lastTraceFrames() const { return traceback_; }
+  QelString lastTraceback() const;
 
  private:
   void freeModules();
@@ -101,6 +116,7 @@ class QEL_API QelVirtualMachine {
   QelInterpreter* interpreter_;
   bool ownsPrinter_;
   QelValue result_;
+  std::vector<QelTraceFrame> traceback_;
   QelVector replacedClasses_;
   int cmdargc_;
   const QelChar** cmdargv_;

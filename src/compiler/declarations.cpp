@@ -67,7 +67,7 @@ QelCompiler::NestingGuard::NestingGuard(QelCompiler& c, int& errors) : compiler(
   compiler._error(u"nesting too deep", errors);
   compiler.tooDeep_ = true;
   // Everything after is skipped: every open construct then meets the end of input.
-  while (compiler.scanner_->getToken() != QT_EOF) {
+  while (compiler._token() != QT_EOF) {
   }
 }
 
@@ -84,10 +84,10 @@ bool QelCompiler::_require(QelToken expected, QelToken found, QelChar ch) {
   return false;
 }
 
-bool QelCompiler::_fetchRequire(QelToken expected, QelChar ch) { return _require(expected, scanner_->getToken(), ch); }
+bool QelCompiler::_fetchRequire(QelToken expected, QelChar ch) { return _require(expected, _token(), ch); }
 
 int QelCompiler::_getIdList(QelVector& names, const QelChar* terminators, int& errors) {
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (t == QT_ANY) {
     for (const QelChar* p = terminators; *p; ++p) {
       if (scanner_->getChar() == *p) {
@@ -99,14 +99,14 @@ int QelCompiler::_getIdList(QelVector& names, const QelChar* terminators, int& e
   scanner_->back();
   int count = 0;
   do {
-    t = scanner_->getToken();
+    t = _token();
     if (_require(QT_IDENT, t, 0)) {
       names.push_back(QelValue(new QelString(scanner_->getTokenString()), false));
       ++count;
     } else {
       ++errors;
     }
-    t = scanner_->getToken();
+    t = _token();
   } while (_isChar(t, ','));
   scanner_->back();
   return count;
@@ -119,7 +119,7 @@ bool QelCompiler::compile() {
   nesting_ = 0;
   tooDeep_ = false;
   for (;;) {
-    QelToken t = scanner_->getToken();
+    QelToken t = _token();
     if (t == QT_EOF) break;
     if (t == QT_ERROR) {
       ++errors;
@@ -138,9 +138,15 @@ bool QelCompiler::compile() {
   return errors == 0 && !tooDeep_;
 }
 
+QelToken QelCompiler::_token() {
+  QelToken t = scanner_->getToken();
+  _markLine(scanner_->getLineNumber());
+  return t;
+}
+
 bool QelCompiler::_doFunction(int& errors) {
   QelString name(scanner_->getTokenString());
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (t == QT_SCOPE) return _doMemberFunction(name, errors);
   if (_isChar(t, '(')) return _doRegularFunction(name, errors);
   if (t == QT_ERROR) _printReport();
@@ -161,10 +167,10 @@ bool QelCompiler::_doMemberFunction(const QelString& className, int& errors) {
   QelClass* cls = _findClass(className, errors);
   if (!cls) return false;
   QelValue keepClass(cls, false);
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   QelString member;
   if (_isChar(t, '~')) {
-    t = scanner_->getToken();
+    t = _token();
     if (t != QT_IDENT || !sameText(scanner_->getTokenString(), className.c_str())) {
       _error(u"illegal destructor definition", errors);
     }
@@ -207,7 +213,7 @@ bool isDirectBaseOfAny(QelDictionary& classes, QelClass* cls) {
 }  // namespace
 
 bool QelCompiler::_doClass(int& errors) {
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (!_require(QT_IDENT, t, 0)) {
     ++errors;
     return false;
@@ -216,12 +222,12 @@ bool QelCompiler::_doClass(int& errors) {
   QelDictionaryEntry* entry = classes_.find(name);
   QelClass* base = nullptr;
   bool forward = false;
-  t = scanner_->getToken();
+  t = _token();
   if (_isChar(t, ';')) {
     forward = true;
     if (showInfo_) (*printer_)(u"class %s forward declaration\n", name.c_str());
   } else if (_isChar(t, ':')) {
-    t = scanner_->getToken();
+    t = _token();
     if (!_require(QT_IDENT, t, 0)) {
       ++errors;
       return false;
@@ -262,7 +268,7 @@ bool QelCompiler::_doClass(int& errors) {
   }
   QelVector instanceNames;
   for (;;) {
-    t = scanner_->getToken();
+    t = _token();
     if (_isChar(t, '}')) break;
     if (t == QT_EOF) {
       _error(u"unexpected EOF", errors);
@@ -288,11 +294,11 @@ bool QelCompiler::_doClassMember(QelClass* cls, QelToken t, bool usedAsBase, Qel
   bool isStatic = false, isDtor = false;
   if (t == QT_STATIC) {
     isStatic = true;
-    t = scanner_->getToken();
+    t = _token();
   }
   if (_isChar(t, '~')) {
     isDtor = true;
-    t = scanner_->getToken();
+    t = _token();
   }
   if (t != QT_IDENT) {
     _error(u"member declaration expected", errors);
@@ -310,7 +316,7 @@ bool QelCompiler::_doClassMember(QelClass* cls, QelToken t, bool usedAsBase, Qel
   if (isStatic && isDtor) _error(u"destructor can't be static", errors);
   if (isStatic && isCtor) _error(u"constructor can't be static", errors);
 
-  t = scanner_->getToken();
+  t = _token();
   if (_isChar(t, '(')) {
     if (!isDtor) {
       QelVector ignored;
@@ -318,7 +324,7 @@ bool QelCompiler::_doClassMember(QelClass* cls, QelToken t, bool usedAsBase, Qel
     }
     if (!_fetchRequire(QT_ANY, ')')) ++errors;
     cls->funcMembers()[member].setSymbolType(isStatic ? QST_STATIC_FUNCTION : QST_METHOD);
-    t = scanner_->getToken();
+    t = _token();
   } else if (isStatic) {
     for (;;) {
       QelDictionaryEntry& e = cls->dataMembers()[member];
@@ -328,8 +334,8 @@ bool QelCompiler::_doClassMember(QelClass* cls, QelToken t, bool usedAsBase, Qel
         e.setSymbolType(QST_STATIC_DATA);
       }
       if (_isChar(t, '=')) {
-        _doLiteralValue(scanner_->getToken(), e, errors);
-        t = scanner_->getToken();
+        _doLiteralValue(_token(), e, errors);
+        t = _token();
       }
       if (!_nextListName(t, member, errors)) break;
     }
@@ -349,14 +355,14 @@ bool QelCompiler::_doClassMember(QelClass* cls, QelToken t, bool usedAsBase, Qel
 // token after it into `t`.
 bool QelCompiler::_nextListName(QelToken& t, QelString& name, int& errors) {
   if (!_isChar(t, ',')) return false;
-  t = scanner_->getToken();
+  t = _token();
   if (!_require(QT_IDENT, t, 0)) {
     ++errors;
-    t = scanner_->getToken();
+    t = _token();
     return false;
   }
   name = QelString(scanner_->getTokenString());
-  t = scanner_->getToken();
+  t = _token();
   return true;
 }
 
@@ -378,12 +384,12 @@ bool QelCompiler::_doLiteralValue(QelToken token, QelDictionaryEntry& entry, int
     QelVector* vec = new QelVector();
     entry.setValue(QelValue(vec, false, false));
     for (;;) {
-      QelToken t = scanner_->getToken();
+      QelToken t = _token();
       if (_isChar(t, ']')) break;  // "[]" and a trailing comma are accepted
       QelDictionaryEntry element(nullptr, QelValue(), QST_UNDEFINED);
       if (!_doLiteralValue(t, element, errors)) break;
       vec->push_back(element.getValue());
-      t = scanner_->getToken();
+      t = _token();
       if (t != QT_ANY) {
         _error(u"',' or ']' expected", errors);
         break;
@@ -398,7 +404,7 @@ bool QelCompiler::_doLiteralValue(QelToken token, QelDictionaryEntry& entry, int
     QelDictionary* dict = new QelDictionary(false);
     entry.setValue(QelValue(dict, false));
     for (;;) {
-      QelToken t = scanner_->getToken();
+      QelToken t = _token();
       if (_isChar(t, '}')) break;
       if (!_require(QT_STRING, t, 0)) {
         ++errors;
@@ -409,8 +415,8 @@ bool QelCompiler::_doLiteralValue(QelToken token, QelDictionaryEntry& entry, int
         ++errors;
         break;
       }
-      if (!_doLiteralValue(scanner_->getToken(), (*dict)[key], errors)) break;
-      t = scanner_->getToken();
+      if (!_doLiteralValue(_token(), (*dict)[key], errors)) break;
+      t = _token();
       if (t != QT_ANY) {
         _error(u"',' or '}' expected", errors);
         break;
@@ -430,7 +436,7 @@ bool QelCompiler::_doLiteralValue(QelToken token, QelDictionaryEntry& entry, int
 // ---- Preprocessor ----
 
 bool QelCompiler::_doPreproc(int& errors) {
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (!_require(QT_IDENT, t, 0)) {
     ++errors;
     return true;
@@ -462,7 +468,7 @@ bool QelCompiler::_doPreproc(int& errors) {
     }
     QelDictionaryEntry& e = symbols_[QelString(scanner_->getTokenString())];
     e.setSymbolType(QST_STATIC_DATA);
-    _doLiteralValue(scanner_->getToken(), e, errors);
+    _doLiteralValue(_token(), e, errors);
   } else if (command.equals(u"include")) {
     return _doInclude(errors);
   } else {
@@ -472,22 +478,22 @@ bool QelCompiler::_doPreproc(int& errors) {
 }
 
 bool QelCompiler::_doInclude(int& errors) {
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   QelString file;
   if (t == QT_STRING) {
     file = QelString(scanner_->getTokenString());
   } else if (_isChar(t, '<')) {
-    t = scanner_->getToken();
+    t = _token();
     if (t == QT_STRING) {
       file = QelString(scanner_->getTokenString());
     } else {
       // A path of words (identifiers, keywords, numbers) joined by '/' or '.'.
       while (t >= QT_IDENT && t <= QT_NULL) {
         file += scanner_->getTokenString();
-        t = scanner_->getToken();
+        t = _token();
         if (!_isChar(t, '/') && !_isChar(t, '.')) break;
         file += scanner_->getChar();
-        t = scanner_->getToken();
+        t = _token();
       }
       scanner_->back();
     }

@@ -159,7 +159,7 @@ bool QelCompiler::_codeExpr1(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
   NestingGuard nesting(*this, errors);
   if (!nesting.ok) return true;
   _codeExpr2(ctx, vi, errors);
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (_isChar(t, ',')) {
     _codeRValue(*ctx.procedure, vi);
     QelVarInfo right;
@@ -177,7 +177,7 @@ bool QelCompiler::_codeExpr2(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
   NestingGuard nesting(*this, errors);
   if (!nesting.ok) return true;
   _codeExpr3(ctx, vi, errors);
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   QelOpCode compound;
   switch (t) {
     case QT_ADD_ASSIGN: compound = OP_ADD; break;
@@ -231,7 +231,7 @@ void QelCompiler::_codeAssign(QelFuncContext& ctx, QelOpCode op, QelVarInfo& vi,
 bool QelCompiler::_codeExpr3(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
   _codeExpr4(ctx, vi, errors);
   for (;;) {
-    QelToken t = scanner_->getToken();
+    QelToken t = _token();
     if (!_isChar(t, '?')) {
       scanner_->back();
       return true;
@@ -257,7 +257,7 @@ bool QelCompiler::_codeExpr3(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
 bool QelCompiler::_codeLogical(QelFuncContext& ctx, QelVarInfo& vi, int& errors, LevelFn next, QelToken token,
                                QelOpCode op) {
   (this->*next)(ctx, vi, errors);
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (t != token) {
     scanner_->back();
     return true;
@@ -269,7 +269,7 @@ bool QelCompiler::_codeLogical(QelFuncContext& ctx, QelVarInfo& vi, int& errors,
     vi = QelVarInfo();
     (this->*next)(ctx, vi, errors);
     _codeRValue(*ctx.procedure, vi);
-    t = scanner_->getToken();
+    t = _token();
   } while (t == token);
   scanner_->back();
   _fixupRefChain(ctx, chain, ctx.code->size());
@@ -291,7 +291,7 @@ bool QelCompiler::_codeBinaryLevel(QelFuncContext& ctx, QelVarInfo& vi, int& err
                                    const BinaryOperator* ops, size_t count) {
   (this->*next)(ctx, vi, errors);
   for (;;) {
-    QelToken t = scanner_->getToken();
+    QelToken t = _token();
     const BinaryOperator* match = nullptr;
     for (size_t i = 0; i < count && !match; ++i) {
       if (t == ops[i].token && (t != QT_ANY || scanner_->getChar() == ops[i].ch)) match = &ops[i];
@@ -331,7 +331,7 @@ QEL_BINARY_LEVEL(_codeExpr13, _codeExpr14, {QT_ANY, '*', OP_MUL}, {QT_ANY, '/', 
 // Level 14: prefix operators. Their operand is a postfix expression, so they do not
 // nest ("!!a" is an error), and there is no unary "+".
 bool QelCompiler::_codeExpr14(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (t == QT_NEW) {
     _codeNew(ctx, vi, errors);
   } else if (t == QT_DELETE) {
@@ -389,7 +389,7 @@ void QelCompiler::_codePostIncDec(QelFuncContext& ctx, QelOpCode op, QelVarInfo&
 bool QelCompiler::_codeExpr15(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
   _codePrimary(ctx, vi, errors);
   for (;;) {
-    QelToken t = scanner_->getToken();
+    QelToken t = _token();
     if (_isChar(t, '(')) {
       _codeFunctionCall(ctx, vi, errors);
     } else if (_isChar(t, '[')) {
@@ -397,7 +397,7 @@ bool QelCompiler::_codeExpr15(QelFuncContext& ctx, QelVarInfo& vi, int& errors) 
     } else if (t == QT_INC || t == QT_DEC) {
       _codePostIncDec(ctx, t == QT_INC ? OP_INC : OP_DEC, vi, errors);
     } else if (t == QT_ARROW) {
-      t = scanner_->getToken();
+      t = _token();
       if (!_require(QT_IDENT, t, 0)) {
         ++errors;
         return true;
@@ -414,7 +414,7 @@ bool QelCompiler::_codeExpr15(QelFuncContext& ctx, QelVarInfo& vi, int& errors) 
 // Arguments up to the closing ')': each pushed, then compiled as a level-2 value.
 int QelCompiler::_codeArguments(QelFuncContext& ctx, int& errors) {
   int count = 0;
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (!_isChar(t, ')')) {
     scanner_->back();
     do {
@@ -423,7 +423,7 @@ int QelCompiler::_codeArguments(QelFuncContext& ctx, int& errors) {
       _codeExpr2(ctx, arg, errors);
       _codeRValue(*ctx.procedure, arg);
       ++count;
-      t = scanner_->getToken();
+      t = _token();
     } while (_isChar(t, ','));
   }
   if (!_require(QT_ANY, t, ')')) ++errors;
@@ -431,14 +431,17 @@ int QelCompiler::_codeArguments(QelFuncContext& ctx, int& errors) {
 }
 
 void QelCompiler::_codeFunctionCall(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
+  int32_t line = scanner_->getLineNumber();
   _codeRValue(*ctx.procedure, vi);
   int count = _codeArguments(ctx, errors);
+  _markLine(line);  // a call spread over lines stands where it starts
   _codeIndexedOpcode(*ctx.procedure, OP_CALL, static_cast<unsigned int>(count));
   vi = {QVK_VALUE, -1};
 }
 
 void QelCompiler::_codeMethodCall(const QelChar* name, QelVarInfo& vi, QelFuncContext& ctx, int& errors) {
   QelVector& proc = *ctx.procedure;
+  int32_t line = scanner_->getLineNumber();
   _codeRValue(proc, vi);
   if (vi.kind != QVK_VALUE) _error(u"QelCompiler::_codeMethodCall : no 'this' reference found", errors);
   ctx.code->push_back(OP_PUSH);
@@ -449,6 +452,7 @@ void QelCompiler::_codeMethodCall(const QelChar* name, QelVarInfo& vi, QelFuncCo
   } else {
     ++errors;
   }
+  _markLine(line);
   _codeIndexedOpcode(proc, OP_SEND, static_cast<unsigned int>(1 + count));
   vi = {QVK_VALUE, -1};
 }
@@ -464,7 +468,7 @@ void QelCompiler::_codeIndexedOp(QelFuncContext& ctx, QelVarInfo& vi, int& error
 // "new" is always followed by the constructor's argument list.
 void QelCompiler::_codeNew(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
   QelVector& proc = *ctx.procedure;
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (!_require(QT_IDENT, t, 0)) {
     ++errors;
     vi = {QVK_VALUE, -1};
@@ -486,7 +490,7 @@ void QelCompiler::_codeDelete(QelFuncContext& ctx, QelVarInfo& vi, int& errors) 
 }
 
 void QelCompiler::_codeStaticMember(const QelString& className, QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (!_require(QT_IDENT, t, 0)) {
     ++errors;
     return;
@@ -513,7 +517,7 @@ void QelCompiler::_codeStaticMember(const QelString& className, QelFuncContext& 
 
 void QelCompiler::_codePrimary(QelFuncContext& ctx, QelVarInfo& vi, int& errors) {
   QelVector& proc = *ctx.procedure;
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   switch (t) {
     case QT_STRING:
       _codeLiteral(proc, _addLiteral(proc, QelValue(new QelString(scanner_->getTokenString()), false)));
@@ -533,7 +537,7 @@ void QelCompiler::_codePrimary(QelFuncContext& ctx, QelVarInfo& vi, int& errors)
       return;
     case QT_IDENT: {
       QelString name(scanner_->getTokenString());
-      if (scanner_->getToken() == QT_SCOPE) {
+      if (_token() == QT_SCOPE) {
         _codeStaticMember(name, ctx, vi, errors);
       } else {
         scanner_->back();
@@ -542,7 +546,7 @@ void QelCompiler::_codePrimary(QelFuncContext& ctx, QelVarInfo& vi, int& errors)
       return;
     }
     case QT_SCOPE: {
-      t = scanner_->getToken();
+      t = _token();
       if (!_require(QT_IDENT, t, 0)) {
         ++errors;
         return;

@@ -32,11 +32,11 @@ QelVector* QelCompiler::_codeFunctionBody(const QelString& name, int& errors, Qe
   QelFuncContext ctx;
   if (cls) ctx.arguments.push_back(QelValue(new QelString(u"this"), false));
   _getIdList(ctx.arguments, u";)", errors);
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   unsigned int temporaries = 0;
   if (_isChar(t, ';')) {
     temporaries = static_cast<unsigned int>(_getIdList(ctx.temporaries, u")", errors));
-    t = scanner_->getToken();
+    t = _token();
   }
   if (!_require(QT_ANY, t, ')')) {
     ++errors;
@@ -49,6 +49,16 @@ QelVector* QelCompiler::_codeFunctionBody(const QelString& name, int& errors, Qe
   proc->push_back(QelValue(new QelString(name), false));
   ctx.procedure = proc;
   ctx.code = code;
+  // The body's tokens mark the code's lines from here on, until the body is done.
+  QelLineTable* lines = new QelLineTable(scanner_->getSourceName());
+  lines->mark(0, scanner_->getLineNumber());
+  code->setLines(lines);
+  struct LinesScope {
+    QelCompiler& c;
+    ~LinesScope() { c.lines_ = nullptr, c.linesCode_ = nullptr; }
+  } linesScope{*this};
+  lines_ = lines;
+  linesCode_ = code;
 
   ctx.temporaryCount = temporaries;
   if (temporaries > 0) _codeIndexedOpcode(*proc, OP_TSPACE, temporaries);
@@ -130,14 +140,14 @@ void QelCompiler::_reserveHiddenTemporary(QelFuncContext& ctx) {
 }
 
 void QelCompiler::_codeBlock(QelFuncContext& ctx, int& errors) {
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (_isChar(t, '}')) {
     ctx.code->push_back(OP_NIL);  // an empty block leaves nil
     return;
   }
   scanner_->back();
   for (;;) {
-    t = scanner_->getToken();
+    t = _token();
     if (_isChar(t, '}')) return;
     if (t == QT_EOF) {
       _error(u"unexpected EOF in block", errors);
@@ -155,7 +165,7 @@ void QelCompiler::_codeBlock(QelFuncContext& ctx, int& errors) {
 void QelCompiler::_codeStatement(QelFuncContext& ctx, int& errors) {
   NestingGuard nesting(*this, errors);
   if (!nesting.ok) return;
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   switch (t) {
     case QT_IF: _codeIf(ctx, errors); return;
     case QT_WHILE: _codeWhile(ctx, errors); return;
@@ -193,7 +203,7 @@ void QelCompiler::_codeIf(QelFuncContext& ctx, int& errors) {
   _codeCondition(ctx, errors);
   unsigned int skipThen = _codeBranch(ctx, OP_BRF, 0);
   _codeStatement(ctx, errors);
-  QelToken t = scanner_->getToken();
+  QelToken t = _token();
   if (t == QT_ELSE) {
     unsigned int skipElse = _codeBranch(ctx, OP_BR, 0);
     _fixupRefChain(ctx, skipThen, here(ctx));

@@ -586,6 +586,7 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         int frame = frames.top().frameSlot;
         LEAVE_CALLEE();
         LOAD();
+        cur = resume;  // a failure from here on is the caller's
         if (leftSend) GO(resume->nextOp);
         if (frame < sp) {
           GUARDED(stk[frame] = std::move(stk[sp]));
@@ -901,8 +902,13 @@ exhausted:
   heap.over = false;  // what the unwinding's destructors allocate is looked at anew
   returnError(kMsgOutOfMemory, nullptr);
 failed:
-  // Every procedure this loop runs fails in turn, innermost first.
-  while (frames.used > frameBase) LEAVE_CALLEE();
+  // Every procedure this loop runs fails in turn, innermost first, each noted where it stood.
+  noteProcedure(procp, cur->pc);
+  while (frames.used > frameBase) {
+    const DecodedOp* resume = frames.top().resume;
+    LEAVE_CALLEE();
+    noteProcedure(procp, resume->pc);
+  }
   code->release();
   return false;
 #undef DISPATCH_KIND

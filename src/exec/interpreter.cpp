@@ -3,6 +3,7 @@
 
 #include "exec/messages.h"
 #include "qel/debugger.h"
+#include "qel/lines.h"
 
 const int QelInterpreter::kMaxCallDepth = 2000;
 const int QelInterpreter::kMaxNativeDepth = 2000;
@@ -82,6 +83,8 @@ void QelInterpreter::reset() {
   SP = ValPtr(this, -1);
   ++SP;  // grows the empty stack by its one nil slot
   errors_.clear();
+  traceback_.clear();
+  unwinding_ = false;
 }
 
 bool QelInterpreter::execute(const QelChar* name, int argc, const QelChar** argv) {
@@ -96,7 +99,9 @@ bool QelInterpreter::execute(const QelChar* name, int argc, const QelChar** argv
   QelValue callee(entry->getValue());
   switch (callee.getType()) {
     case QVT_CODE:
-      return static_cast<QelNativeFunction>(callee)(&vm_, argc, SP);
+      if (static_cast<QelNativeFunction>(callee)(&vm_, argc, SP)) return true;
+      noteNative(nullptr, entry->getKey()->c_str());
+      return false;
     case QVT_BYTECODE:
     case QVT_BYTECODEREF:
       return call(argc, callee);
@@ -166,6 +171,7 @@ bool QelInterpreter::callValue(int n) {
       QelNativeFunction fn = reinterpret_cast<QelNativeFunction>(callee.ptr());
       if (!fn) return returnError(u"call to non-procedure, type ", getValueTypeName(type));
       ok = fn(&vm_, n, SP);
+      if (!ok) noteNative(nullptr, nativeName(fn));
       break;
     }
     case QVT_BYTECODE:
@@ -180,6 +186,7 @@ bool QelInterpreter::callValue(int n) {
       return returnError(u"call to non-procedure, type ", getValueTypeName(type));
   }
   if (!ok) return false;
+  unwinding_ = false;  // whatever failed inside was dealt with
   int sp = SP.current();
   if (frame < sp) {
     // The slot above is dropped next: the result moves down rather than being copied.
@@ -244,6 +251,7 @@ bool QelInterpreter::send(int n, const QelChar* name) {
     case QVT_CODEREF: {
       QelNativeFunction fn = reinterpret_cast<QelNativeFunction>(callee.ptr());
       ok = fn ? fn(&vm_, count, SP) : returnError(method, u" : NULL pointer to native function\n");
+      if (!ok) noteNative(cls->nameText(), method);
       break;
     }
     case QVT_BYTECODE:
@@ -257,6 +265,7 @@ bool QelInterpreter::send(int n, const QelChar* name) {
       ok = returnError(method, u"has no method implementation\n");
       break;
   }
+  if (ok) unwinding_ = false;
   endSend(receiver);
   return ok;
 }
@@ -335,7 +344,62 @@ QelString* QelInterpreter::getStringFromValue(QelValue& v) {
   ++SP;
   *SP = copy;
   QelString* result = nullptr;
-  if (send(0, u"toString")) result = *SP;
+  FailureMark mark = failureMark();
+  if (send(0, u"toString")) {
+    result = *SP;
+  } else {
+    forgetFailure(mark);  // the caller reports what it makes of the missing text
+  }
   SP.setIndex(saved);
   return result;
+}
+
+// ---- Where failures happened ----
+
+void QelInterpreter::forgetFailure(const FailureMark& mark) {
+  if (traceback_.size() > mark.frames) traceback_.resize(mark.frames);
+  unwinding_ = mark.unwinding;
+}
+
+void QelInterpreter::noteFrame(QelTraceFrame&& frame) {
+  if (!unwinding_) {
+    // A new failure: what an earlier one noted no longer applies.
+    traceback_.clear();
+    unwinding_ = true;
+  }
+  traceback_.push_back(std::move(frame));
+}
+
+void QelInterpreter::noteProcedure(QelVector* proc, uint32_t pc) {
+  QelTraceFrame frame;
+  if (proc && proc->size() > 2) {
+    if (QelClass* cls = (*proc)[1]) frame.className = cls->nameText();
+    if (QelString* name = (*proc)[2]) frame.name = *name;
+  }
+  if (frame.name.length() == 0) frame.name = u"<unnamed>";
+  QelBuffer* code = proc && proc->size() > 0 ? static_cast<QelBuffer*>((*proc)[0]) : nullptr;
+  if (const QelLineTable* lines = code ? code->lines() : nullptr) {
+    frame.source = lines->source();
+    frame.line = lines->lineAt(pc);
+  }
+  noteFrame(std::move(frame));
+}
+
+void QelInterpreter::noteNative(const QelChar* className, const QelChar* name) {
+  QelTraceFrame frame;
+  if (className) frame.className = className;
+  frame.name = name;
+  frame.native = true;
+  noteFrame(std::move(frame));
+}
+
+// The global name a native function is registered under (looked up only when it fails).
+const QelChar* QelInterpreter::nativeName(QelNativeFunction fn) {
+  for (QelDictionaryEntry* e = symbols_.getFirst(); e; e = e->getNext()) {
+    const QelValue& v = e->getValue();
+    if ((v.getType() == QVT_CODE || v.getType() == QVT_CODEREF) && v.ptr() == reinterpret_cast<void*>(fn)) {
+      return e->getKey()->c_str();
+    }
+  }
+  return u"<native>";
 }

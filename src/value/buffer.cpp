@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "qel/buffer.h"
+#include "qel/lines.h"
 #include "qel/platform.h"
 #include "value/heap.h"
 
@@ -64,12 +65,19 @@ QelBuffer& QelBuffer::operator=(const QelBuffer& b) {
 
 QelBuffer::~QelBuffer() {
   if (cache_) cache_->release();
+  delete lines_;
   freeStorage(data_);
 }
 
 void QelBuffer::setCache(QelBufferCache* cache) {
   if (cache_) cache_->release();
   cache_ = cache;
+}
+
+void QelBuffer::setLines(QelLineTable* lines) {
+  if (lines == lines_) return;
+  delete lines_;
+  lines_ = lines;
 }
 
 unsigned int QelBuffer::setCapacity(unsigned int n) {

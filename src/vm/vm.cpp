@@ -111,7 +111,10 @@ void QelVirtualMachine::notifyObjDelete(QelObject* obj) {
   int saved = sp.current();
   ++sp;
   *sp = QelValue(obj, true);  // refers to the dying object without owning it
+  // A destructor's failure ends the destructor only: its caller goes on.
+  QelInterpreter::FailureMark mark = interpreter_->failureMark();
   interpreter_->send(0, u"dtor");
+  interpreter_->forgetFailure(mark);
   while (sp.current() > saved) {
     if (QelValue* slot = sp) slot->dispose();
     --sp;
@@ -137,6 +140,7 @@ bool QelVirtualMachine::execute(const QelChar* name, int argc, const QelChar** a
   bool ok = interp->execute(name, argc, argv);
   result_ = interp->SP.at(0);
   if (!ok) (errorPrinter ? *errorPrinter : *printer_)(u"%s", interp->errors().c_str());
+  traceback_ = ok ? std::vector<QelTraceFrame>() : interp->traceback();
   interp->setDebugger(nullptr);
   // Values left on the stack may run destructors while it is cleared.
   interp->clear();
@@ -146,6 +150,53 @@ bool QelVirtualMachine::execute(const QelChar* name, int argc, const QelChar** a
   heap.limit = outerLimit;
   heap.over = false;
   return ok;
+}
+
+namespace {
+
+bool sameFrame(const QelTraceFrame& a, const QelTraceFrame& b) {
+  return a.line == b.line && a.native == b.native && a.name.equals(b.name.c_str()) &&
+         a.className.equals(b.className.c_str()) && a.source.equals(b.source.c_str());
+}
+
+QelString frameLine(const QelTraceFrame& f) {
+  QelString text(u"  at ");
+  if (f.className.length() > 0) {
+    text += f.className;
+    text += u"::";
+  }
+  text += f.name;
+  if (f.line > 0) {
+    text += f.source.length() > 0 ? QelString::format(u" (%s:%d)", f.source.c_str(), f.line)
+                                  : QelString::format(u" (line %d)", f.line);
+  }
+  text += u"\n";
+  return text;
+}
+
+}  // namespace
+
+// Runs of one frame (a function recursing on itself) print once with a count, and a
+// deep chain keeps its innermost and outermost lines only.
+QelString QelVirtualMachine::lastTraceback() const {
+  const size_t kEnds = 20;
+  std::vector<QelString> lines;
+  for (size_t i = 0; i < traceback_.size();) {
+    size_t run = 1;
+    while (i + run < traceback_.size() && sameFrame(traceback_[i], traceback_[i + run])) ++run;
+    lines.push_back(frameLine(traceback_[i]));
+    if (run > 1) lines.push_back(QelString::format(u"  ... the same call %d more times\n", static_cast<int>(run - 1)));
+    i += run;
+  }
+  QelString text;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (lines.size() > 2 * kEnds && i == kEnds) {
+      text += QelString::format(u"  ... %d more lines\n", static_cast<int>(lines.size() - 2 * kEnds));
+      i = lines.size() - kEnds;
+    }
+    text += lines[i];
+  }
+  return text;
 }
 
 bool QelVirtualMachine::loadNativeModule(const QelChar* path) {

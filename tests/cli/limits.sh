@@ -20,12 +20,14 @@ QEL
 check "instruction status" 70 $?
 check "instruction output" "spinning
 ~Guard" "$(cat "$work/out")"
-check "instruction error" "instruction limit exceeded" "$(cat "$work/err")"
+check "instruction error" "instruction limit exceeded
+  at spin ($work/limits.qel:4)" "$(cat "$work/err")"
 
 "$qel" --max-memory 4M -e hoard "$work/limits.qel" > "$work/out" 2> "$work/err"
 check "memory status" 70 $?
 check "memory output" "~Guard" "$(cat "$work/out")"
-check "memory error" "out of memory" "$(cat "$work/err")"
+check "memory error" "out of memory
+  at hoard ($work/limits.qel:5)" "$(cat "$work/err")"
 
 for bad in "--max-instructions" "--max-instructions x" "--max-memory 4X" "--max-memory -1" \
            "--max-memory 99999999999999999999"; do
@@ -44,7 +46,8 @@ done
 kill -INT $pid
 wait $pid
 check "interrupt status" 130 $?
-check "interrupt error" "interrupted" "$(cat "$work/err")"
+check "interrupt error" "interrupted
+  at spin ($work/limits.qel:4)" "$(cat "$work/err")"
 check "interrupt output" "spinning
 ~Guard" "$(cat "$work/out")"
 

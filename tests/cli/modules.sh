@@ -36,6 +36,12 @@ out=$("$qel" "$work/all.qem")
 check "combined status" 3 $?
 check "combined output" "0 hello hello m" "$out"
 
+# A runtime error in a procedure read from a module (main without its argument): no lines.
+out=$("$qel" "$work/prog.qem" 2>"$work/err")
+check "module error status" 70 $?
+check "module traceback" "too few arguments
+  at main" "$(cat "$work/err")"
+
 out=$("$qel" -m "$work/missing.qem" "$work/prog.qel" 2>"$work/err")
 check "missing module status" 66 $?
 grep -q "cannot open" "$work/err" || { echo "FAIL missing module message"; failed=1; }
