@@ -1,6 +1,8 @@
 // qel: compiles a script (or reads a module file) and runs one of its procedures.
 //
 //   qel [options] FILE [ARG...]
+//   qel [options] - [ARG...]       the script from standard input
+//   qel [options]                  the interactive prompt (standard input a terminal)
 //
 // The procedure ("main" unless -e names another) receives the ARGs as strings; the
 // scripts' command arguments are FILE followed by the ARGs. A FILE ending in ".qem" is
@@ -9,7 +11,7 @@
 // print, the listing and the module reader's messages; standard error gets compiler
 // reports, show-info lines, runtime errors and the trace. Ctrl-C (SIGINT) stops a
 // running script: "interrupted" on standard error and exit status 130.
-#include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -19,22 +21,22 @@
 #include <string>
 #include <vector>
 
+#include "host.h"
+#include "prompt.h"
 #include "qel.h"
+
+using namespace qelcli;
 
 namespace {
 
-// Exit statuses in the manner of sysexits.
-const int kExitUsage = 64;
-const int kExitCompile = 65;
-const int kExitNoInput = 66;
-const int kExitRuntime = 70;
-const int kExitCannotCreate = 73;
-const int kExitInterrupted = 130;  // as a shell reports a process ended by SIGINT
-
 const char kUsage[] =
     "usage: qel [options] FILE [ARG...]\n"
+    "       qel [options] - [ARG...]\n"
+    "       qel [options]\n"
     "Compiles FILE and runs its procedure main with the ARGs as string arguments.\n"
-    "A FILE ending in .qem is a module file: it is read instead of compiled.\n"
+    "A FILE ending in .qem is a module file: it is read instead of compiled; FILE -\n"
+    "is the script on standard input. Without FILE, on a terminal, qel starts a\n"
+    "prompt: type definitions, statements and expressions, Ctrl-D to leave.\n"
     "\n"
     "options:\n"
     "  -c OUT      compile FILE and write the module file OUT instead of running\n"
@@ -72,7 +74,7 @@ struct Options {
 
 int usageError(const std::string& message) {
   fprintf(stderr, "qel: %s\n", message.c_str());
-  fputs("usage: qel [options] FILE [ARG...]   (qel --help for more)\n", stderr);
+  fputs("usage: qel [options] [FILE|-] [ARG...]   (qel --help for more)\n", stderr);
   return kExitUsage;
 }
 
@@ -143,7 +145,10 @@ int parseOptions(int argc, char** argv, Options& opt) {
       return usageError("unknown option " + a);
     }
   }
-  if (i >= argc) return usageError("no script file given");
+  if (i >= argc) {
+    if (isatty(STDIN_FILENO)) return -1;  // the prompt
+    return usageError("no script file given (qel - reads the script from standard input)");
+  }
   opt.file = argv[i++];
   for (; i < argc; ++i) opt.args.emplace_back(argv[i]);
   return -1;
@@ -180,30 +185,17 @@ int readModuleFile(QelVirtualMachine& vm, const std::string& file) {
   return -1;
 }
 
-// The machine a Ctrl-C interrupts, and whether one came.
-QelVirtualMachine* g_running = nullptr;
-volatile sig_atomic_t g_interrupted = 0;
-
-void onInterrupt(int) {
-  g_interrupted = 1;
-  if (g_running) g_running->interrupt();
-}
-
-// Runs the entry procedure with SIGINT interrupting it; a blocked read gives up rather
-// than waiting on, so the script reaches its next instruction.
-bool runInterruptibly(QelVirtualMachine& vm, const QelString& entry, std::vector<const QelChar*>& argvText,
-                      bool trace, IQelPrinter& err) {
-  struct sigaction action = {}, previous = {};
-  action.sa_handler = onInterrupt;
-  sigemptyset(&action.sa_mask);
-  g_running = &vm;
-  sigaction(SIGINT, &action, &previous);
-  const QelChar** procArgs = argvText.size() > 1 ? argvText.data() + 1 : nullptr;
-  bool ok = vm.execute(entry.c_str(), static_cast<int>(argvText.size()) - 1, procArgs, trace, &err, &err);
-  if (!ok) err(u"%s", vm.lastTraceback().c_str());
-  sigaction(SIGINT, &previous, nullptr);
-  g_running = nullptr;
-  return ok;
+// Compiles the script on standard input, under the name "<stdin>".
+bool compileStandardInput(QelVirtualMachine& vm, const Options& opt, IQelPrinter& out, IQelPrinter& err) {
+  std::string text;
+  char chunk[4096];
+  size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, stdin)) > 0) text.append(chunk, n);
+  QelCompiler compiler(vm, &err);
+  compiler.setShowInfo(opt.showInfo);
+  QelDebugger listing(vm, &out);
+  if (opt.listing) compiler.setDebugger(&listing);
+  return compiler.compile(QelString(text.c_str()).c_str(), u"<stdin>");
 }
 
 }  // namespace
@@ -212,8 +204,11 @@ int main(int argc, char** argv) {
   Options opt;
   int early = parseOptions(argc, argv, opt);
   if (early >= 0) return early;
+  bool prompt = opt.file.empty();
+  bool standardInput = opt.file == "-";
+  if (prompt && (opt.check || !opt.output.empty())) return usageError("--check and -c need a script file");
 
-  if (!canOpen(opt.file)) {
+  if (!prompt && !standardInput && !canOpen(opt.file)) {
     fprintf(stderr, "qel: cannot open %s\n", opt.file.c_str());
     return kExitNoInput;
   }
@@ -224,28 +219,32 @@ int main(int argc, char** argv) {
 
   std::vector<QelString> texts;
   texts.reserve(opt.args.size() + 1);
-  texts.emplace_back(opt.file.c_str());
+  texts.emplace_back(prompt ? "qel" : opt.file.c_str());
   for (const std::string& a : opt.args) texts.emplace_back(a.c_str());
   std::vector<const QelChar*> argvText;
   for (const QelString& t : texts) argvText.push_back(t.c_str());
   vm.cmdargc() = static_cast<int>(argvText.size());
   vm.cmdargv() = argvText.data();
+  vm.setInstructionLimit(opt.maxInstructions);
+  vm.setMemoryLimit(static_cast<size_t>(opt.maxMemory));
 
   for (const std::string& module : opt.modules) {
     int status = readModuleFile(vm, module);
     if (status >= 0) return status;
   }
-  if (endsWith(opt.file, ".qem")) {
+  if (prompt) return runPrompt(vm, out, err);
+  bool compiled = true;
+  if (standardInput) {
+    compiled = compileStandardInput(vm, opt, out, err);
+  } else if (endsWith(opt.file, ".qem")) {
     int status = readModuleFile(vm, opt.file);
     if (status >= 0) return status;
-  } else if (!vm.compileFile(texts[0].c_str(), opt.showInfo, opt.listing, &err, &out)) {
-    fflush(stdout);
-    return kExitCompile;
+  } else {
+    compiled = vm.compileFile(texts[0].c_str(), opt.showInfo, opt.listing, &err, &out);
   }
-  if (opt.check) {
-    fflush(stdout);
-    return 0;
-  }
+  fflush(stdout);
+  if (!compiled) return kExitCompile;
+  if (opt.check) return 0;
   if (!opt.output.empty()) {
     bool written = vm.writeModule(QelString(opt.output.c_str()).c_str());
     fflush(stdout);
@@ -255,14 +254,14 @@ int main(int argc, char** argv) {
   }
   QelString entry(opt.entry.c_str());
   if (!vm.symbols().find(entry)) {
-    fflush(stdout);
     fprintf(stderr, "qel: no procedure named %s\n", opt.entry.c_str());
     return kExitRuntime;
   }
-  vm.setInstructionLimit(opt.maxInstructions);
-  vm.setMemoryLimit(static_cast<size_t>(opt.maxMemory));
-  bool ok = runInterruptibly(vm, entry, argvText, opt.trace, err);
+  watchInterrupts(vm);
+  const QelChar** procArgs = argvText.size() > 1 ? argvText.data() + 1 : nullptr;
+  bool ok = runProcedure(vm, entry.c_str(), static_cast<int>(argvText.size()) - 1, procArgs, opt.trace, err);
+  stopWatching();
   fflush(stdout);
-  if (!ok) return g_interrupted ? kExitInterrupted : kExitRuntime;
+  if (!ok) return takeInterrupt() ? kExitInterrupted : kExitRuntime;
   return exitStatusOf(vm.getResult());
 }

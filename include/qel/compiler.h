@@ -57,6 +57,10 @@ class QEL_API QelCompiler {
   bool compile(void* fp, const QelChar* name);
   // Compiles a source text.
   bool compile(const QelChar* text, const QelChar* name);
+  // Compiles a text of statements (no declarations) as the body of a new procedure of
+  // that name, without arguments, stored nowhere: the caller owns one count on it. Null
+  // after reporting errors.
+  QelVector* compileStatements(const QelChar* text, const QelChar* sourceName, const QelChar* name);
 
  private:
   typedef bool (QelCompiler::*LevelFn)(QelFuncContext&, QelVarInfo&, int&);
@@ -80,6 +84,8 @@ class QEL_API QelCompiler {
   // blocks, literals, calls) is an error that ends the compilation, not a native stack
   // overflow.
   static const int kMaxNesting = 200;
+  // Ten errors end a compilation.
+  static const int kMaxErrors = 10;
   struct NestingGuard {
     NestingGuard(QelCompiler& c, int& errors);
     ~NestingGuard() { --compiler.nesting_; }
@@ -105,7 +111,10 @@ class QEL_API QelCompiler {
   bool _isChar(QelToken t, QelChar ch) const;
 
   QelVector* _codeFunctionBody(const QelString& name, int& errors, QelClass* cls);
+  QelVector* _codeProcedure(QelFuncContext& ctx, const QelString& name, int& errors, QelClass* cls,
+                            unsigned int temporaries, bool untilEnd);
   void _codeBlock(QelFuncContext& ctx, int& errors);
+  void _codeStatementsToEnd(QelFuncContext& ctx, int& errors);
   void _codeStatement(QelFuncContext& ctx, int& errors);
   void _codeIf(QelFuncContext& ctx, int& errors);
   void _codeWhile(QelFuncContext& ctx, int& errors);

@@ -6,7 +6,6 @@
 
 namespace {
 
-const int kMaxErrors = 10;
 
 bool sameText(const QelChar* a, const QelChar* b) { return qelStrCmp(a, b) == 0; }
 

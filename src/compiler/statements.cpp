@@ -42,6 +42,28 @@ QelVector* QelCompiler::_codeFunctionBody(const QelString& name, int& errors, Qe
     ++errors;
     return nullptr;
   }
+  return _codeProcedure(ctx, name, errors, cls, temporaries, false);
+}
+
+QelVector* QelCompiler::compileStatements(const QelChar* text, const QelChar* sourceName, const QelChar* name) {
+  if (!text || !name) return nullptr;
+  QelScanner scanner(text, sourceName);
+  scanner_ = &scanner;
+  nesting_ = 0;
+  tooDeep_ = false;
+  int errors = 0;
+  QelFuncContext ctx;
+  QelVector* proc = _codeProcedure(ctx, QelString(name), errors, nullptr, 0, true);
+  scanner_ = nullptr;
+  if (errors == 0 && !tooDeep_) return proc;
+  QelValue drop(proc, true, false);
+  return nullptr;
+}
+
+// The procedure of a body whose argument list has been read; `untilEnd` compiles the
+// statements up to the end of the source instead of a braced block.
+QelVector* QelCompiler::_codeProcedure(QelFuncContext& ctx, const QelString& name, int& errors, QelClass* cls,
+                                       unsigned int temporaries, bool untilEnd) {
   QelVector* proc = new QelVector();
   QelBuffer* code = new QelBuffer();
   proc->push_back(QelValue(code, false));
@@ -51,7 +73,7 @@ QelVector* QelCompiler::_codeFunctionBody(const QelString& name, int& errors, Qe
   ctx.code = code;
   // The body's tokens mark the code's lines from here on, until the body is done.
   QelLineTable* lines = new QelLineTable(scanner_->getSourceName());
-  lines->mark(0, scanner_->getLineNumber());
+  lines->mark(0, scanner_->getLineNumber() > 0 ? scanner_->getLineNumber() : 1);
   code->setLines(lines);
   struct LinesScope {
     QelCompiler& c;
@@ -63,8 +85,12 @@ QelVector* QelCompiler::_codeFunctionBody(const QelString& name, int& errors, Qe
   ctx.temporaryCount = temporaries;
   if (temporaries > 0) _codeIndexedOpcode(*proc, OP_TSPACE, temporaries);
   code->push_back(OP_PUSH);
-  if (!_fetchRequire(QT_ANY, '{')) ++errors;
-  _codeBlock(ctx, errors);
+  if (untilEnd) {
+    _codeStatementsToEnd(ctx, errors);
+  } else {
+    if (!_fetchRequire(QT_ANY, '{')) ++errors;
+    _codeBlock(ctx, errors);
+  }
 
   if (cls && qelStrCmp(name.c_str(), cls->nameText()) == 0) {
     // A constructor returns its object.
@@ -137,6 +163,20 @@ void QelCompiler::_reserveHiddenTemporary(QelFuncContext& ctx) {
   code.append(body.data(), static_cast<unsigned int>(body.size()));
   int delta = static_cast<int>(after.size()) - static_cast<int>(before.size());
   if (delta != 0) shiftBranches(code, static_cast<unsigned int>(after.size()), delta);
+}
+
+void QelCompiler::_codeStatementsToEnd(QelFuncContext& ctx, int& errors) {
+  for (;;) {
+    QelToken t = _token();
+    if (t == QT_EOF) return;
+    if (_isChar(t, '}')) {
+      _error(u"statement expected", errors);
+      continue;
+    }
+    scanner_->back();
+    _codeStatement(ctx, errors);
+    if (errors >= kMaxErrors) return;
+  }
 }
 
 void QelCompiler::_codeBlock(QelFuncContext& ctx, int& errors) {
