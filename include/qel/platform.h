@@ -3,8 +3,10 @@
 // and the table of 32-bit handles through which native addresses reach scripts.
 //
 // The names are the engine's own service names. Pointers returned by the search,
-// environment and time functions point into static buffers that the next call of
-// the same function overwrites.
+// environment and time functions point into buffers of the calling thread that the
+// next call of the same function on that thread overwrites. The environment is the
+// process's: _tgetenv and _tputenv read and change it under the engine's lock, which
+// the C library's getenv and setenv do not take.
 #pragma once
 
 #include <cstdarg>
