@@ -55,8 +55,8 @@ QEL_API uint32_t qelTickCount();
 
 // Native addresses as 32-bit script integers. 0 is never a handle; null maps to 0.
 // The same address always gets the same positive handle until it is released; an
-// unknown or released handle maps to null. Released numbers may be reused. The
-// table is for the engine's one thread only.
+// unknown or released handle maps to null. Released numbers may be reused. One
+// table serves every thread of the process.
 QEL_API int32_t qelHandleFor(void* address);
 QEL_API void* qelAddressOf(int32_t handle);
 QEL_API void qelReleaseHandle(int32_t handle);
