@@ -11,7 +11,8 @@
  * Machines and printers are opaque handles. Every text-taking function comes in an A
  * form (UTF-8 `const char*`) and a W form (UTF-16 `const QelChar*`). Functions that take
  * a machine answer their failure value at once for a null machine and touch nothing
- * else. A machine is used from one thread at a time.
+ * else. A machine is used from one thread at a time; machines on different threads
+ * may run at once (docs/embedding.md, "Threads and lifetimes: the rules").
  */
 #ifndef QEL_FLAT_H
 #define QEL_FLAT_H

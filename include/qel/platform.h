@@ -3,8 +3,10 @@
 // and the table of 32-bit handles through which native addresses reach scripts.
 //
 // The names are the engine's own service names. Pointers returned by the search,
-// environment and time functions point into static buffers that the next call of
-// the same function overwrites.
+// environment and time functions point into buffers of the calling thread that the
+// next call of the same function on that thread overwrites. The environment is the
+// process's: _tgetenv and _tputenv read and change it under the engine's lock, which
+// the C library's getenv and setenv do not take.
 #pragma once
 
 #include <cstdarg>
@@ -53,8 +55,8 @@ QEL_API uint32_t qelTickCount();
 
 // Native addresses as 32-bit script integers. 0 is never a handle; null maps to 0.
 // The same address always gets the same positive handle until it is released; an
-// unknown or released handle maps to null. Released numbers may be reused. The
-// table is for the engine's one thread only.
+// unknown or released handle maps to null. Released numbers may be reused. One
+// table serves every thread of the process.
 QEL_API int32_t qelHandleFor(void* address);
 QEL_API void* qelAddressOf(int32_t handle);
 QEL_API void qelReleaseHandle(int32_t handle);

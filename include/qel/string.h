@@ -27,7 +27,8 @@ class QEL_API QelString : public QelRefObject {
   unsigned int length() const;
   const QelChar* c_str() const { return str_ ? str_ : emptyText(); }
   const QelChar* w_str() const { return c_str(); }
-  // UTF-8 copy in one shared buffer, valid until the next a_str call.
+  // UTF-8 copy in a buffer of the calling thread, valid until the next a_str call on
+  // that thread.
   const char* a_str() const;
   QelChar& operator[](unsigned int i) { return str_[i]; }
   QelChar operator[](unsigned int i) const { return str_[i]; }

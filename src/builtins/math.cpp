@@ -1,11 +1,12 @@
 // Mathematics built-ins: the one-argument functions share one routine that applies
 // a platform function to the argument as a double; "abs" keeps integers integral,
-// "pow" goes through exp and log; "rand" and "srand" drive the platform's generator.
+// "pow" goes through exp and log; "rand" and "srand" drive the platform's generator,
+// one sequence shared by every machine of the process.
 #include <cfloat>
 #include <cmath>
-#include <cstdlib>
 
 #include "builtins/args.h"
+#include "platform/process.h"
 
 using namespace qel;
 
@@ -64,13 +65,13 @@ bool QelDefaultFunctions::Qel_rand(QelVirtualMachine* vm, int nargs, ValPtr& arg
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
   if (!call.arity(0, 0)) return false;
-  return call.result(QelValue(static_cast<int32_t>(rand())));
+  return call.result(QelValue(static_cast<int32_t>(drawRandom())));
 }
 
 bool QelDefaultFunctions::Qel_srand(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
   if (!call.arity(1, 1)) return false;
-  srand(static_cast<unsigned>(call[1].toLong()));
+  seedRandom(static_cast<unsigned>(call[1].toLong()));
   return call.none();
 }

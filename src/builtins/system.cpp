@@ -5,12 +5,15 @@
 // table). This file remembers what each handle it gave out stands for, so that a
 // handle is only ever used as what it is: a library is closed only as often as a
 // script opened it, and a procedure is looked up, and called, only while a library
-// it was found through is still open.
+// it was found through is still open. Like the handle table, this record belongs to
+// the process (a library that machines on two threads load is one library) and is
+// kept under one lock.
 #include <dlfcn.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -27,38 +30,88 @@ namespace {
 
 // ---- Handles given out by the native-library built-ins and "addr" ----
 
-// Library handle -> how many "LoadLibrary" calls are not yet matched by "FreeLibrary".
-std::unordered_map<int32_t, int>& openLibraries() {
-  static auto* libraries = new std::unordered_map<int32_t, int>;
-  return *libraries;
-}
+struct NativeHandles {
+  std::mutex lock;
+  // Library handle -> how many "LoadLibrary" calls are not yet matched by "FreeLibrary".
+  std::unordered_map<int32_t, int> openLibraries;
+  // Procedure handle -> the library handles "GetProcAddress" found it through.
+  std::unordered_map<int32_t, std::unordered_set<int32_t>> procedureLibraries;
+  // Handles of addresses answered by "addr".
+  std::unordered_set<int32_t> dataHandles;
 
-// Procedure handle -> the library handles "GetProcAddress" found it through.
-std::unordered_map<int32_t, std::unordered_set<int32_t>>& procedureLibraries() {
-  static auto* procedures = new std::unordered_map<int32_t, std::unordered_set<int32_t>>;
-  return *procedures;
-}
-
-// Handles of addresses answered by "addr".
-std::unordered_set<int32_t>& dataHandles() {
-  static auto* data = new std::unordered_set<int32_t>;
-  return *data;
-}
-
-// The library behind a handle that a script opened and has not closed, or null.
-void* openLibrary(int32_t handle) {
-  auto it = openLibraries().find(handle);
-  return it != openLibraries().end() && it->second > 0 ? qelAddressOf(handle) : nullptr;
-}
-
-// The procedure behind a handle, while a library it was found through is open.
-void* liveProcedure(int32_t handle) {
-  auto it = procedureLibraries().find(handle);
-  if (it == procedureLibraries().end()) return nullptr;
-  for (int32_t lib : it->second) {
-    if (openLibrary(lib)) return qelAddressOf(handle);
+  // The library behind a handle that a script opened and has not closed, or null.
+  void* openLibrary(int32_t handle) {
+    auto it = openLibraries.find(handle);
+    return it != openLibraries.end() && it->second > 0 ? qelAddressOf(handle) : nullptr;
   }
-  return nullptr;
+
+  // The procedure behind a handle, while a library it was found through is open.
+  void* liveProcedure(int32_t handle) {
+    auto it = procedureLibraries.find(handle);
+    if (it == procedureLibraries.end()) return nullptr;
+    for (int32_t lib : it->second) {
+      if (openLibrary(lib)) return qelAddressOf(handle);
+    }
+    return nullptr;
+  }
+};
+
+NativeHandles& nativeHandles() {
+  static auto* handles = new NativeHandles;  // outlives every machine
+  return *handles;
+}
+
+// Records one more load of a library; answers its handle.
+int32_t recordLoad(void* lib) {
+  NativeHandles& h = nativeHandles();
+  std::lock_guard<std::mutex> hold(h.lock);
+  int32_t handle = qelHandleFor(lib);
+  ++h.openLibraries[handle];
+  return handle;
+}
+
+// Takes one recorded load of the library behind `handle` away and answers the library
+// for its caller to close; null when no load is left to close. Once the count is down,
+// no other thread can reach the library through this load.
+void* takeLoad(int32_t handle) {
+  NativeHandles& h = nativeHandles();
+  std::lock_guard<std::mutex> hold(h.lock);
+  void* lib = h.openLibrary(handle);
+  if (lib) --h.openLibraries[handle];
+  return lib;
+}
+
+// The handle of procedure `symbol` in the open library `libHandle`, or 0. The lookup
+// runs under the lock, so that no other thread closes the library meanwhile.
+int32_t findProcedure(int32_t libHandle, const std::string& symbol) {
+  NativeHandles& h = nativeHandles();
+  std::lock_guard<std::mutex> hold(h.lock);
+  void* lib = h.openLibrary(libHandle);
+  if (!lib) return 0;
+  int32_t handle = qelHandleFor(dlsym(lib, symbol.c_str()));
+  if (handle) h.procedureLibraries[handle].insert(libHandle);
+  return handle;
+}
+
+void* liveProcedure(int32_t handle) {
+  NativeHandles& h = nativeHandles();
+  std::lock_guard<std::mutex> hold(h.lock);
+  return h.liveProcedure(handle);
+}
+
+int32_t recordData(void* address) {
+  NativeHandles& h = nativeHandles();
+  std::lock_guard<std::mutex> hold(h.lock);
+  int32_t handle = qelHandleFor(address);
+  if (handle) h.dataHandles.insert(handle);
+  return handle;
+}
+
+// The address behind a handle that "addr" answered, or null.
+void* dataAddress(int32_t handle) {
+  NativeHandles& h = nativeHandles();
+  std::lock_guard<std::mutex> hold(h.lock);
+  return h.dataHandles.count(handle) ? qelAddressOf(handle) : nullptr;
 }
 
 // ---- Native calls ----
@@ -95,9 +148,7 @@ Word toWord(const QelValue& v) {
   switch (v.getType()) {
     case QVT_INTEGER: {
       int32_t n = v.toLong();
-      if (dataHandles().count(n)) {
-        if (void* address = qelAddressOf(n)) return reinterpret_cast<Word>(address);
-      }
+      if (void* address = dataAddress(n)) return reinterpret_cast<Word>(address);
       return n;
     }
     case QVT_FLOAT:
@@ -211,9 +262,7 @@ bool QelDefaultFunctions::Qel_addr(QelVirtualMachine* vm, int nargs, ValPtr& arg
   if (!call.arity(1, 1)) return false;
   QelValue* cell = call.cursor();
   if (!cell || cell->isNull()) return call.fail(kMsgArgumentNull);
-  int32_t handle = qelHandleFor(cell->addr());
-  if (handle) dataHandles().insert(handle);
-  return call.result(QelValue(handle));
+  return call.result(QelValue(recordData(cell->addr())));
 }
 
 // ---- The environment ----
@@ -284,9 +333,7 @@ bool QelDefaultFunctions::Qel_LoadLibrary(QelVirtualMachine* vm, int nargs, ValP
   if (!name) return call.fail(kMsgInvalidArgumentType);
   void* lib = dlopen(toUtf8(name->c_str()).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!lib) return call.result(QelValue(0));
-  int32_t handle = qelHandleFor(lib);
-  ++openLibraries()[handle];
-  return call.result(QelValue(handle));
+  return call.result(QelValue(recordLoad(lib)));
 }
 
 // Closes one load made by "LoadLibrary"; any other handle is left alone and gives 0.
@@ -296,10 +343,8 @@ bool QelDefaultFunctions::Qel_FreeLibrary(QelVirtualMachine* vm, int nargs, ValP
   BuiltinCall call(vm, nargs, args);
   if (!call.arity(1, 1)) return false;
   if (!call.isInteger(1)) return call.fail(kMsgInvalidArgumentType);
-  int32_t handle = call.integer(1);
-  void* lib = openLibrary(handle);
+  void* lib = takeLoad(call.integer(1));
   if (!lib) return call.result(QelValue(0));
-  --openLibraries()[handle];
   return call.result(QelValue(dlclose(lib) == 0 ? 1 : 0));
 }
 
@@ -309,15 +354,10 @@ bool QelDefaultFunctions::Qel_GetProcAddress(QelVirtualMachine* vm, int nargs, V
   if (!call.arity(2, 2)) return false;
   QelString* name = call.string(2);
   if (!call.isInteger(1) || !name) return call.fail(kMsgInvalidArgumentType);
-  void* lib = openLibrary(call.integer(1));
-  if (!lib) return call.result(QelValue(0));
   // Every "?" becomes "W", deliberately: scripts write "?" where a wide variant's suffix goes.
   QelString symbol(*name);
   symbol.replace(u'?', u'W');
-  void* fn = dlsym(lib, toUtf8(symbol.c_str()).c_str());
-  int32_t handle = qelHandleFor(fn);
-  if (handle) procedureLibraries()[handle].insert(call.integer(1));
-  return call.result(QelValue(handle));
+  return call.result(QelValue(findProcedure(call.integer(1), toUtf8(symbol.c_str()))));
 }
 
 bool QelDefaultFunctions::Qel_CallLibFunc(QelVirtualMachine* vm, int nargs, ValPtr& args) {

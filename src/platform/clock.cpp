@@ -1,12 +1,14 @@
 // Calendar time and the tick count.
 //
 // System time comes from the real-time clock, local time honours TZ. The results of
-// _tctime and localtime live in static buffers that the next call overwrites; the
-// engine calls them from one thread.
+// _tctime and localtime live in buffers of the calling thread that its next call of
+// the same function overwrites.
 #include <time.h>
 
 #include <cstdio>
+#include <mutex>
 
+#include "platform/process.h"
 #include "qel/platform.h"
 
 namespace {
@@ -15,8 +17,10 @@ const char* const kDayNames[7] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat
 const char* const kMonthNames[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
-// Local broken-down time of `seconds` after the epoch.
+// Local broken-down time of `seconds` after the epoch. The zone comes from TZ in the
+// environment, which a script on another thread may be changing.
 bool localCalendar(uint32_t seconds, struct tm* out) {
+  std::lock_guard<std::mutex> hold(qel::environmentLock());
   tzset();  // the zone may have changed since the last conversion
   time_t when = static_cast<time_t>(seconds);
   return localtime_r(&when, out) != nullptr;
@@ -33,7 +37,7 @@ uint32_t time(uint32_t* t) {
 }
 
 QelChar* _tctime(uint32_t* t) {
-  static QelChar buffer[64];
+  thread_local QelChar buffer[64];
   if (!t) return nullptr;
   struct tm local;
   if (!localCalendar(*t, &local)) return nullptr;
@@ -50,7 +54,7 @@ QelChar* _tctime(uint32_t* t) {
 }
 
 struct tm* localtime(const uint32_t* t) {
-  static struct tm record;
+  thread_local struct tm record;
   if (!t) return nullptr;
   // The seconds become 100-ns units in 32 bits: the product wraps from 430 s on.
   // Scripts rely on this, so it stays.

@@ -2,8 +2,10 @@
 // results) reach scripts as positive 32-bit integers.
 //
 // Handle h names slot h-1 of the table; a released slot is reused by a later address.
-// The table is not thread-safe: the engine runs on one thread. It is never destroyed,
-// so code running during process exit may still use it.
+// One table serves the whole process, so a library loaded by machines on two threads
+// has one handle; every use takes the table's lock. The table is never destroyed, so
+// code running during process exit may still use it.
+#include <mutex>
 #include <unordered_map>
 #include <vector>
 
@@ -12,9 +14,15 @@
 namespace {
 
 struct HandleTable {
+  std::mutex lock;
   std::unordered_map<void*, int32_t> handles;  // address -> handle
   std::vector<void*> addresses;                // handle - 1 -> address, null when free
   std::vector<int32_t> freeHandles;
+
+  void* addressOf(int32_t handle) const {
+    if (handle <= 0 || static_cast<size_t>(handle) > addresses.size()) return nullptr;
+    return addresses[static_cast<size_t>(handle - 1)];
+  }
 };
 
 HandleTable& table() {
@@ -27,6 +35,7 @@ HandleTable& table() {
 int32_t qelHandleFor(void* address) {
   if (!address) return 0;
   HandleTable& t = table();
+  std::lock_guard<std::mutex> hold(t.lock);
   auto known = t.handles.find(address);
   if (known != t.handles.end()) return known->second;
   int32_t handle;
@@ -45,14 +54,15 @@ int32_t qelHandleFor(void* address) {
 
 void* qelAddressOf(int32_t handle) {
   HandleTable& t = table();
-  if (handle <= 0 || static_cast<size_t>(handle) > t.addresses.size()) return nullptr;
-  return t.addresses[static_cast<size_t>(handle - 1)];
+  std::lock_guard<std::mutex> hold(t.lock);
+  return t.addressOf(handle);
 }
 
 void qelReleaseHandle(int32_t handle) {
-  void* address = qelAddressOf(handle);
-  if (!address) return;
   HandleTable& t = table();
+  std::lock_guard<std::mutex> hold(t.lock);
+  void* address = t.addressOf(handle);
+  if (!address) return;
   t.handles.erase(address);
   t.addresses[static_cast<size_t>(handle - 1)] = nullptr;
   t.freeHandles.push_back(handle);

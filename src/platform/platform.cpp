@@ -1,21 +1,26 @@
-// Platform services: fatal exit, allocation, environment variables, directory search
-// and the console character read.
+// Platform services: fatal exit, allocation, environment variables, directory search,
+// the console character read and the random generator.
 //
 // The process environment holds the engine's variables. Engine text is UTF-16; the
 // environment, file names and the console are UTF-8, converted without the C locale.
 //
-// Not thread-safe: the results live in static buffers that the next call of the same
-// function overwrites, and the engine calls these services from one thread.
+// Machines may run on several threads at once. A result handed out in a buffer lives
+// in a buffer of the calling thread, until the next call of the same function on that
+// thread. The environment and the generator belong to the whole process: the engine
+// uses them under a lock.
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include "qel/platform.h"
 #include "platform/files.h"
+#include "platform/process.h"
 
 namespace {
 
@@ -46,16 +51,57 @@ void* allocmem(unsigned int size) {
   return block;
 }
 
+namespace {
+
+std::mutex gEnvironmentLock;
+std::mutex gRandomLock;
+
+const size_t kEnvironmentCapacity = 4096;  // characters, the terminator included
+
+// The calling thread's buffer for _tgetenv, made on its first read.
+QelChar* environmentBuffer() {
+  thread_local std::unique_ptr<QelChar[]> buffer;
+  if (!buffer) buffer.reset(new QelChar[kEnvironmentCapacity]);
+  return buffer.get();
+}
+
+// The UTF-8 value of an environment variable, read under the environment lock; false
+// when it is not set.
+bool readEnvironment(const std::string& name, std::string& value) {
+  std::lock_guard<std::mutex> hold(gEnvironmentLock);
+  const char* found = getenv(name.c_str());
+  if (!found) return false;
+  value = found;
+  return true;
+}
+
+}  // namespace
+
+namespace qel {
+
+std::mutex& environmentLock() { return gEnvironmentLock; }
+
+int drawRandom() {
+  std::lock_guard<std::mutex> hold(gRandomLock);
+  return rand();
+}
+
+void seedRandom(unsigned int seed) {
+  std::lock_guard<std::mutex> hold(gRandomLock);
+  srand(seed);
+}
+
+}  // namespace qel
+
 const QelChar* _tgetenv(const QelChar* name) {
-  static QelChar buffer[4096];
+  QelChar* buffer = environmentBuffer();
   buffer[0] = 0;
-  if (!name) return buffer;
-  const char* value = getenv(qel::toUtf8(name).c_str());
-  if (!value) return buffer;
-  std::u16string text = qel::fromUtf8(value);
+  std::string value;
+  if (!name || !readEnvironment(qel::toUtf8(name), value)) return buffer;
+  std::u16string text = qel::fromUtf8(value.c_str());
   size_t length = text.size();
-  if (length > 4095) {
-    length = 4095;
+  if (length > kEnvironmentCapacity - 1) {
+    length = kEnvironmentCapacity - 1;
     // Keep a surrogate pair whole rather than leave its first half behind.
     if (isHighSurrogate(text[length - 1]) && isLowSurrogate(text[length])) --length;
   }
@@ -71,15 +117,15 @@ int _tputenv(const QelChar* assignment) {
   if (!*equals) return -1;
   std::string name = qel::toUtf8(assignment, static_cast<size_t>(equals - assignment));
   std::string value = qel::toUtf8(equals + 1);
+  std::lock_guard<std::mutex> hold(gEnvironmentLock);
   int result = value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
   if (result == 0) return 0;
   return errno != 0 ? errno : -1;
 }
 
 const QelChar* searchDirList(const QelChar* dirList, const QelChar* file) {
-  // One result buffer for every search, grown as needed and never released.
-  static QelChar* result = nullptr;
-  static size_t capacity = 0;
+  // The calling thread's result, kept until its next search.
+  thread_local std::u16string result;
   if (!dirList || !file) return nullptr;
 
   size_t fileLength = 0;
@@ -91,20 +137,11 @@ const QelChar* searchDirList(const QelChar* dirList, const QelChar* file) {
   while (start < list.size()) {
     size_t end = start;
     while (end < list.size() && !isListSeparator(list[end])) ++end;
-    size_t dirLength = end - start;
-    if (dirLength > 0) {
-      size_t needed = dirLength + 1 + fileLength + 1;
-      if (needed > capacity) {
-        void* grown = realloc(result, needed * sizeof(QelChar));
-        if (!grown) errorExit(1);
-        result = static_cast<QelChar*>(grown);
-        capacity = needed;
-      }
-      memcpy(result, list.data() + start, dirLength * sizeof(QelChar));
-      result[dirLength] = u'/';
-      memcpy(result + dirLength + 1, file, fileLength * sizeof(QelChar));
-      result[dirLength + 1 + fileLength] = 0;
-      if (opensForReading(qel::toUtf8(result, dirLength + 1 + fileLength))) return result;
+    if (end > start) {
+      result.assign(list, start, end - start);
+      result += u'/';
+      result.append(file, fileLength);
+      if (opensForReading(qel::toUtf8(result.c_str(), result.size()))) return result.c_str();
     }
     start = end + 1;
   }

@@ -43,9 +43,10 @@ QelChar foldCase(QelChar c) {
   return static_cast<QelChar>(towlower(static_cast<wint_t>(c)));
 }
 
-// The narrow copy handed out by a_str: one buffer for the whole engine.
+// The narrow copy handed out by a_str: one buffer per thread, so that a copy lives
+// until the next a_str call on the same thread, whatever machines on other threads do.
 QelBuffer& narrowBuffer() {
-  static QelBuffer buffer;
+  thread_local QelBuffer buffer;
   return buffer;
 }
 

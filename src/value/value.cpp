@@ -90,9 +90,14 @@ namespace {
 // Ending an object releases what it holds, which may end further objects. Up to this
 // depth that happens at once, in order; deeper ends wait in a queue that the
 // outermost end works off, so a long chain of objects cannot exhaust the native stack.
+// Depth and queue belong to the thread: the objects of a machine end on the thread
+// that runs it, while other machines end theirs on their own threads. The queue exists
+// only while an outermost end works it off, so a thread leaves nothing behind. Every
+// release to zero reaches them: they use the fast model of thread storage, as the
+// heap tally does.
 const int kMaxEndDepth = 256;
-int g_endDepth = 0;
-std::vector<QelRefObject*>* g_deferredEnds = nullptr;
+thread_local int tEndDepth __attribute__((tls_model("initial-exec"))) = 0;
+thread_local std::vector<QelRefObject*>* tDeferredEnds __attribute__((tls_model("initial-exec"))) = nullptr;
 
 }  // namespace
 
@@ -107,24 +112,26 @@ void QelRefObject::destroy() {
 }
 
 void QelRefObject::endWithinDepth() {
-  if (g_endDepth >= kMaxEndDepth) {
-    if (!g_deferredEnds) g_deferredEnds = new std::vector<QelRefObject*>();
+  if (tEndDepth >= kMaxEndDepth) {
+    if (!tDeferredEnds) tDeferredEnds = new std::vector<QelRefObject*>();
     weak_ |= kDeferred;
-    g_deferredEnds->push_back(this);
+    tDeferredEnds->push_back(this);
     return;
   }
-  ++g_endDepth;
+  ++tEndDepth;
   end();
-  if (g_endDepth == 1 && g_deferredEnds) {
+  if (tEndDepth == 1 && tDeferredEnds) {
     // Queued ends run one at a time from here, each within the depth again.
-    for (size_t i = 0; i < g_deferredEnds->size(); ++i) {
-      QelRefObject* obj = (*g_deferredEnds)[i];
+    std::vector<QelRefObject*>* queue = tDeferredEnds;
+    for (size_t i = 0; i < queue->size(); ++i) {
+      QelRefObject* obj = (*queue)[i];
       obj->weak_ &= ~kDeferred;
       if (obj->refCnt_ <= 0) obj->end();
     }
-    g_deferredEnds->clear();
+    tDeferredEnds = nullptr;
+    delete queue;
   }
-  --g_endDepth;
+  --tEndDepth;
 }
 
 void QelRefObject::end() {

@@ -3,14 +3,19 @@
 //   pty_session SCRIPT PROGRAM [ARG...]
 //
 // SCRIPT holds one step a line ("#" lines are comments):
-//   send TEXT      types TEXT (escapes: \n \t \\ and \xHH, so \x03 is Ctrl-C, \x04 Ctrl-D)
+//   send TEXT      types TEXT once the program reads its terminal key by key, as a line
+//                  editor does (escapes: \n \t \\ and \xHH, so \x04 is Ctrl-D)
+//   press TEXT     types TEXT at once, whatever the terminal's mode (Ctrl-C, \x03, for a
+//                  program that is running rather than reading)
 //   expect TEXT    waits (10 s at most) until the output since the last match holds TEXT
 //   refuse TEXT    the output since the last match must not hold TEXT
 //   status N       waits for the program to end with exit status N
 // On the first step that fails, the step and the output so far go to standard error and
 // the exit status is 1.
+#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <termios.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,7 +51,24 @@ std::string unescape(const std::string& s) {
 
 class Session {
  public:
-  Session(int fd, pid_t pid) : fd_(fd), pid_(pid) {}
+  Session(int fd, pid_t pid) : fd_(fd), pid_(pid) {
+    // The terminal's own side, to see the mode the program set on it.
+    const char* name = ptsname(fd);
+    terminal_ = name ? open(name, O_RDWR | O_NOCTTY) : -1;
+  }
+
+  // Waits (10 s at most) until the program reads the terminal key by key: text typed
+  // while the line discipline still collects whole lines would be echoed twice, and an
+  // end of input typed then could be lost when the editor switches modes.
+  bool awaitKeyByKey() {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (;;) {
+      termios mode{};
+      if (terminal_ < 0 || tcgetattr(terminal_, &mode) != 0) return true;  // cannot tell: go on
+      if (!(mode.c_lflag & ICANON)) return true;
+      if (std::chrono::steady_clock::now() > deadline || !pump(20)) return false;
+    }
+  }
 
   // Reads what the program wrote within `ms`; false once it closed its terminal.
   bool pump(int ms) {
@@ -94,6 +116,7 @@ class Session {
 
  private:
   int fd_;
+  int terminal_;
   pid_t pid_;
   std::string seen_;  // output not yet matched
   std::string all_;
@@ -133,7 +156,8 @@ int main(int argc, char** argv) {
     size_t space = line.find(' ');
     std::string verb = line.substr(0, space);
     std::string arg = space == std::string::npos ? "" : unescape(line.substr(space + 1));
-    bool ok = verb == "send"     ? session.send(arg)
+    bool ok = verb == "send"     ? session.awaitKeyByKey() && session.send(arg)
+              : verb == "press"  ? session.send(arg)
               : verb == "expect" ? session.expect(arg)
               : verb == "refuse" ? session.refuse(arg)
               : verb == "status" ? session.status(std::atoi(arg.c_str()))
