@@ -185,17 +185,22 @@ int readModuleFile(QelVirtualMachine& vm, const std::string& file) {
   return -1;
 }
 
-// Compiles the script on standard input, under the name "<stdin>".
+// Compiles the script on standard input, under the name "<stdin>", as a file is compiled
+// (one byte per character). The compiler closes the stream it reads: it gets a copy, so
+// that scripts still find standard input open (at its end).
 bool compileStandardInput(QelVirtualMachine& vm, const Options& opt, IQelPrinter& out, IQelPrinter& err) {
-  std::string text;
-  char chunk[4096];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, stdin)) > 0) text.append(chunk, n);
+  int copy = dup(STDIN_FILENO);
+  FILE* in = copy >= 0 ? fdopen(copy, "r") : nullptr;
+  if (!in) {
+    if (copy >= 0) close(copy);
+    fprintf(stderr, "qel: cannot read standard input\n");
+    return false;
+  }
   QelCompiler compiler(vm, &err);
   compiler.setShowInfo(opt.showInfo);
   QelDebugger listing(vm, &out);
   if (opt.listing) compiler.setDebugger(&listing);
-  return compiler.compile(QelString(text.c_str()).c_str(), u"<stdin>");
+  return compiler.compile(in, u"<stdin>");
 }
 
 }  // namespace

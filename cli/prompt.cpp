@@ -9,6 +9,7 @@
 #include "prompt.h"
 
 #include <histedit.h>
+#include <locale.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,12 +61,29 @@ int readCharacter(EditLine*, wchar_t* c) {
   return 1;
 }
 
+// The editor reads and shows UTF-8 text, and learns so from the process's character
+// locale; the engine's own runs keep the locale the process had (its case folding
+// depends on it). The prompt runs on one thread, so the switch is safe.
+class EditorCharacters {
+ public:
+  EditorCharacters() {
+    const char* current = setlocale(LC_CTYPE, nullptr);
+    saved_ = current ? current : "C";
+    setlocale(LC_CTYPE, "C.UTF-8");
+  }
+  ~EditorCharacters() { setlocale(LC_CTYPE, saved_.c_str()); }
+
+ private:
+  std::string saved_;
+};
+
 // Line editing and history through libedit.
 class LineEditor {
  public:
   enum Outcome { kLine, kInterrupted, kEnd };
 
   LineEditor() {
+    EditorCharacters utf8;  // the editor learns its character set here
     el_ = el_init("qel", stdin, stdout, stderr);
     history_ = history_init();
     HistEvent ev;
@@ -92,7 +110,11 @@ class LineEditor {
     g_promptText = continuation ? "...> " : "qel> ";
     int count = 0;
     errno = 0;
-    const char* text = el_gets(el_, &count);
+    const char* text;
+    {
+      EditorCharacters utf8;
+      text = el_gets(el_, &count);
+    }
     if (takeInterrupt()) return kInterrupted;
     if (!text || count <= 0) return errno == EINTR ? kInterrupted : kEnd;
     line.assign(text, static_cast<size_t>(count));

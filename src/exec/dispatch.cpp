@@ -586,12 +586,12 @@ bool QelInterpreter::run(QelProcInfo& record, QelBuffer& buffer) {
         int frame = frames.top().frameSlot;
         LEAVE_CALLEE();
         LOAD();
-        cur = resume;  // a failure from here on is the caller's
         if (leftSend) GO(resume->nextOp);
         if (frame < sp) {
           GUARDED(stk[frame] = std::move(stk[sp]));
           GUARDED(popTo(frame));
         } else if (frame > sp) {
+          cur = resume;  // the caller's call fails
           FAIL(kMsgStackCorrupted);
         }
         GO(resume->nextOp);
