@@ -36,16 +36,12 @@ static void nullMachine(void) {
   const QelChar* wideArgs[] = {W("a")};
   const char* narrowArgs[] = {"a"};
   CHECK(Qel_ReleaseVM(NULL) == 0);
-  CHECK(Qel_CompileFileA(NULL, "x.qel", 0, 0, NULL, NULL) == 0);
-  CHECK(Qel_CompileFileW(NULL, W("x.qel"), 0, 0, NULL, NULL) == 0);
-  CHECK(Qel_CompileTextA(NULL, "x.qel", 0, 0, NULL, NULL) == 0);
-  CHECK(Qel_CompileTextW(NULL, W("x.qel"), 0, 0, NULL, NULL) == 0);
-  CHECK(Qel_ExecuteA(NULL, "main", 1, narrowArgs, 0, NULL, NULL) == 0);
-  CHECK(Qel_ExecuteW(NULL, W("main"), 1, wideArgs, 0, NULL, NULL) == 0);
-  CHECK(Qel_WriteModuleA(NULL, "x.qem") == 0);
-  CHECK(Qel_WriteModuleW(NULL, W("x.qem")) == 0);
-  CHECK(Qel_ReadModuleA(NULL, "x.qem") == 0);
-  CHECK(Qel_ReadModuleW(NULL, W("x.qem")) == 0);
+  CHECK(Qel_CompileFileA(NULL, "x.qel", 0, 0, NULL, NULL) == 0 && Qel_CompileFileW(NULL, W("x.qel"), 0, 0, NULL, NULL) == 0);
+  CHECK(Qel_CompileTextA(NULL, "x.qel", 0, 0, NULL, NULL) == 0 && Qel_CompileTextW(NULL, W("x.qel"), 0, 0, NULL, NULL) == 0);
+  CHECK(Qel_ExecuteA(NULL, "main", 1, narrowArgs, 0, NULL, NULL) == 0 &&
+        Qel_ExecuteW(NULL, W("main"), 1, wideArgs, 0, NULL, NULL) == 0);
+  CHECK(Qel_WriteModuleA(NULL, "x.qem") == 0 && Qel_WriteModuleW(NULL, W("x.qem")) == 0);
+  CHECK(Qel_ReadModuleA(NULL, "x.qem") == 0 && Qel_ReadModuleW(NULL, W("x.qem")) == 0);
   CHECK(Qel_GetIntResult(NULL) == INT32_MIN);
   Qel_Reinit(NULL);
   CHECK(Qel_SetDbgWaitProc(NULL, waitNever) == NULL);

@@ -55,43 +55,34 @@ void readHeading(const std::string& line, Reference& ref, std::string& section) 
   }
 }
 
+// The text of the fenced block that opens at lines[i], up to its closing fence, where
+// i is left.
+std::string block(const std::vector<std::string>& lines, size_t& i) {
+  std::string text;
+  while (++i < lines.size() && !startsWith(lines[i], "```")) text += lines[i] + "\n";
+  return text;
+}
+
 Reference readReference(const char* path) {
   Reference ref;
   std::ifstream in(path);
-  std::string line, section;
-  int number = 0;
-  int open = -1;     // the example whose code or output is being read
-  int waiting = -1;  // the example whose output block should come next
-  bool inOutput = false, inOther = false;
-  while (std::getline(in, line)) {
-    ++number;
-    bool fence = startsWith(line, "```");
-    if (open >= 0 || inOther) {
-      if (!fence) {
-        if (open >= 0) (inOutput ? ref.examples[open].output : ref.examples[open].code) += line + "\n";
-        continue;
-      }
-      if (open >= 0 && !inOutput) waiting = open;
-      open = -1;
-      inOther = inOutput = false;
-      continue;
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  std::string section;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (startsWith(lines[i], "#")) readHeading(lines[i], ref, section);
+    if (!startsWith(lines[i], "```")) continue;
+    bool isExample = lines[i] == "```qel";
+    Example example{static_cast<int>(i) + 1, section, block(lines, i), "", false};
+    if (!isExample) continue;
+    // Its output block may follow after blank lines only.
+    size_t next = i + 1;
+    while (next < lines.size() && lines[next].empty()) ++next;
+    if (next < lines.size() && lines[next] == "```text") {
+      example.hasOutput = true;
+      example.output = block(lines, i = next);
     }
-    if (fence) {
-      std::string info = line.substr(3);
-      if (info == "qel") {
-        ref.examples.push_back(Example{number, section, "", "", false});
-        open = static_cast<int>(ref.examples.size()) - 1;
-      } else if (info == "text" && waiting >= 0) {
-        open = waiting;
-        ref.examples[open].hasOutput = inOutput = true;
-      } else {
-        inOther = true;
-      }
-      waiting = -1;
-      continue;
-    }
-    if (!line.empty()) waiting = -1;
-    if (startsWith(line, "#")) readHeading(line, ref, section);
+    ref.examples.push_back(example);
   }
   return ref;
 }
