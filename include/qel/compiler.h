@@ -72,6 +72,8 @@ class QEL_API QelCompiler {
 
   bool compile();
   bool compileWith(QelScanner& scanner);
+  // A fresh start on a source: its scanner, no nesting, no skipped rest.
+  void _begin(QelScanner& scanner);
   // The next token; inside a function body it also marks the code that follows as
   // coming from the token's line.
   QelToken _token();

@@ -6,7 +6,6 @@
 
 namespace {
 
-
 bool sameText(const QelChar* a, const QelChar* b) { return qelStrCmp(a, b) == 0; }
 
 }  // namespace
@@ -39,10 +38,16 @@ bool QelCompiler::compile(const QelChar* text, const QelChar* name) {
 }
 
 bool QelCompiler::compileWith(QelScanner& scanner) {
-  scanner_ = &scanner;
+  _begin(scanner);
   bool ok = compile();
   scanner_ = nullptr;
   return ok;
+}
+
+void QelCompiler::_begin(QelScanner& scanner) {
+  scanner_ = &scanner;
+  nesting_ = 0;
+  tooDeep_ = false;
 }
 
 // ---- Reports and token helpers ----
@@ -115,8 +120,6 @@ int QelCompiler::_getIdList(QelVector& names, const QelChar* terminators, int& e
 
 bool QelCompiler::compile() {
   int errors = 0;
-  nesting_ = 0;
-  tooDeep_ = false;
   for (;;) {
     QelToken t = _token();
     if (t == QT_EOF) break;

@@ -48,9 +48,7 @@ QelVector* QelCompiler::_codeFunctionBody(const QelString& name, int& errors, Qe
 QelVector* QelCompiler::compileStatements(const QelChar* text, const QelChar* sourceName, const QelChar* name) {
   if (!text || !name) return nullptr;
   QelScanner scanner(text, sourceName);
-  scanner_ = &scanner;
-  nesting_ = 0;
-  tooDeep_ = false;
+  _begin(scanner);
   int errors = 0;
   QelFuncContext ctx;
   QelVector* proc = _codeProcedure(ctx, QelString(name), errors, nullptr, 0, true);
