@@ -397,11 +397,9 @@ bool QelCompiler::_codeExpr15(QelFuncContext& ctx, QelVarInfo& vi, int& errors) 
     } else if (t == QT_INC || t == QT_DEC) {
       _codePostIncDec(ctx, t == QT_INC ? OP_INC : OP_DEC, vi, errors);
     } else if (t == QT_ARROW) {
-      t = _token();
-      if (!_require(QT_IDENT, t, 0)) {
-        ++errors;
-        return true;
-      }
+      // A missing method name is counted and the send is coded with the token found, so the
+      // rest of the expression stays in step.
+      if (!_fetchRequire(QT_IDENT, 0)) ++errors;
       QelString method(scanner_->getTokenString());
       _codeMethodCall(method.c_str(), vi, ctx, errors);
     } else {
