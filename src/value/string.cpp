@@ -404,20 +404,45 @@ constexpr CharSet kConversions("diouxXfegEGcspCSaA");
 // Widths and precisions are cut to five digits so a script cannot ask for gigabytes.
 const unsigned int kMaxFieldDigits = 5;
 
+// The argument size a run of size prefixes asks for: "h" a short, "hh" a char, "ll" and
+// "I64" 64 bits; "l", "w", "I", "I32" name the 32-bit size the integers have anyway,
+// and "F" and "N" (far and near pointers) change nothing.
+enum class ArgSize { kInt, kShort, kChar, kLong64 };
+
+ArgSize readSizePrefixes(const QelChar*& p) {
+  const QelChar* start = p;
+  while (kSizePrefixes.has(*p)) ++p;
+  ArgSize size = ArgSize::kInt;
+  for (const QelChar* q = start; q < p; ++q) {
+    if (q[0] == 'l' && q + 1 < p && q[1] == 'l') return ArgSize::kLong64;
+    if (q[0] == 'I' && q + 2 < p && q[1] == '6' && q[2] == '4') return ArgSize::kLong64;
+    if (q[0] == 'h') size = (q + 1 < p && q[1] == 'h') ? ArgSize::kChar : ArgSize::kShort;
+    if (size != ArgSize::kInt) return size;
+  }
+  return size;
+}
+
 // A conversion read from the start of a token.
 struct Directive {
-  QelChar text[16];  // '%', flag, 5 digits, '.', 5 digits, the letter and a terminator
+  QelChar text[20];  // '%', flag, 5 digits, '.', 5 digits, a size, the letter, a terminator
   unsigned int length = 0;
   QelChar letter = 0;
+  ArgSize size = ArgSize::kInt;
   const QelChar* rest = nullptr;  // the literal text after the letter
 
   void add(QelChar c) { text[length++] = c; }
-  // Nothing but the '%': no flag, width or precision.
-  bool bare() const { return length == 1; }
-  // The directive for the general formatter, ending in `conversion`.
-  const QelChar* with(QelChar conversion) {
-    text[length] = conversion;
-    text[length + 1] = 0;
+  // Nothing but the '%': no flag, width, precision or size.
+  bool bare() const { return length == 1 && size == ArgSize::kInt; }
+  // The directive for the general formatter, ending in `conversion`, with the size
+  // prefix when `sized`.
+  const QelChar* with(QelChar conversion, bool sized = false) {
+    unsigned int n = length;
+    if (sized) {
+      static const QelChar* const kPrefix[] = {u"", u"h", u"hh", u"ll"};
+      for (const QelChar* q = kPrefix[static_cast<int>(size)]; *q; ++q) text[n++] = *q;
+    }
+    text[n] = conversion;
+    text[n + 1] = 0;
     return text;
   }
 };
@@ -442,7 +467,7 @@ bool readDirective(const QelChar* p, Directive& d) {
     d.add(*p++);
     p = copyDigits(p, d);
   }
-  while (kSizePrefixes.has(*p)) ++p;
+  d.size = readSizePrefixes(p);
   if (!kConversions.has(*p)) return false;
   d.letter = *p;
   d.rest = p + 1;
@@ -556,12 +581,17 @@ bool appendConversion(TextBuilder& out, Directive& d, const QelValue& v) {
     case 'u':
     case 'x':
     case 'X':
-      if (!d.bare()) return appendFormatted(out, d.with(d.letter), v.toLong());
+      // A 64-bit size reads the integer widened, never a word the value does not hold.
+      if (d.size == ArgSize::kLong64) return appendFormatted(out, d.with(d.letter, true), int64_t{v.toLong()});
+      if (!d.bare()) return appendFormatted(out, d.with(d.letter, true), v.toLong());
       appendInteger(out, d.letter, v.toLong());
       return true;
     case 'c':
     case 'C': {
       QelChar c = static_cast<QelChar>(v.toLong());
+      // "%hc" is a narrow character: one byte, where only ASCII stands for itself.
+      if (d.size == ArgSize::kShort || d.size == ArgSize::kChar)
+        return appendFormatted(out, d.with(u'c', true), static_cast<int>(c));
       if (!d.bare()) return appendFormatted(out, d.with(u'c'), static_cast<int>(c));
       if (!c) return false;
       out.put(c);

@@ -100,7 +100,7 @@ TEST(StringFormat, BareConversionsMatchTheGeneralPath) {
                              charsValue(u"ab\0c", 4), bytesValue("h\xC3\xA9\xFF", 4), QelValue(new QelVector())};
   const QelChar* const pairs[][2] = {
       {u"%d|", u"%1d|"}, {u"%i", u"%1i"}, {u"%u", u"%1u"}, {u"%o", u"%1o"}, {u"%x", u"%1x"},
-      {u"%X", u"%1X"}, {u"%ld", u"%1d"}, {u"%hhu", u"%1u"}, {u"%I64x!", u"%1x!"}, {u"%c.", u"%1c."},
+      {u"%X", u"%1X"}, {u"%ld", u"%1d"}, {u"%hhu", u"%1hhu"}, {u"%I64x!", u"%1llx!"}, {u"%c.", u"%1c."},
       {u"%C", u"%1c"}, {u"%s|", u"%.99999s|"}, {u"%S", u"%.99999s"}, {u"%ls", u"%.99999s"}};
   for (const QelValue& v : values) {
     for (const auto& pair : pairs) {
