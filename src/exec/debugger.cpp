@@ -35,6 +35,13 @@ const QelChar* classNameOf(const QelValue& v) {
   return cls ? cls->nameText() : u"";
 }
 
+// The element shown in place, so the trace never holds a count of its own on what it
+// prints; nil past the end.
+const QelValue& elementOrNil(const QelVector& v, uint32_t i) {
+  static const QelValue kNil;
+  return i < v.size() ? v[i] : kNil;
+}
+
 bool isBinaryOperator(uint8_t op) {
   return (op >= OP_ADD && op <= OP_XOR) || (op >= OP_SHL && op <= OP_GT) || op == OP_DUP2;
 }
@@ -213,7 +220,7 @@ void QelDebugger::traceOperands(uint8_t op, uint32_t operand, ValPtr& sp, ValPtr
     case OP_LIT:
       if (proc_) {
         out()(u"LIT[%d]:", index);
-        printValue(operand < proc_->procedure()->size() ? (*proc_)[operand] : QelValue(), false);
+        printValue(elementOrNil(*proc_->procedure(), operand), false);
       }
       return;
     case OP_CALL:
@@ -224,7 +231,7 @@ void QelDebugger::traceOperands(uint8_t op, uint32_t operand, ValPtr& sp, ValPtr
     case OP_SET:
       if (proc_) {
         out()(u"VAR[%d]:", index);
-        printValue(operand < proc_->procedure()->size() ? (*proc_)[operand] : QelValue(), op == OP_SET);
+        printValue(elementOrNil(*proc_->procedure(), operand), op == OP_SET);
       }
       if (op == OP_SET) printLabeled(u"SP[0](val):", top, false);
       return;
@@ -245,7 +252,7 @@ void QelDebugger::traceOperands(uint8_t op, uint32_t operand, ValPtr& sp, ValPtr
       if (o && o->getMemberData()) {
         QelVector* members = o->getMemberData();
         out()(u"member[%d]:", index);
-        printValue(operand < members->size() ? (*members)[operand] : QelValue(), op == OP_MSET);
+        printValue(elementOrNil(*members, operand), op == OP_MSET);
       }
       if (op == OP_MSET) printLabeled(u"SP[0](val):", top, false);
       return;

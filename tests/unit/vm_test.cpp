@@ -140,6 +140,23 @@ TEST_F(VM, StepWaitProcedure) {
   EXPECT_EQ(std::string(out.a_str()), "");
 }
 
+// A literal used once is counted by its procedure alone until it is copied: the trace
+// shows the count before the copy at OP_LIT, and after it at the store.
+TEST_F(VM, TraceShowsTheCountsOfLiterals) {
+  ASSERT_TRUE(vm.compileText(u"lits(; s, v) { s = \"abc\"; v = [1]; return 0; }"));
+  QelStringPrinter trace;
+  EXPECT_TRUE(vm.execute(u"lits", 0, nullptr, true, &err, &trace));
+  std::string text = trace.a_str();
+  EXPECT_EQ(countOf(text.c_str(), "OP_LIT"), 3);
+  EXPECT_EQ(countOf(text.c_str(), "LIT[3]:QVT_STRING"), 1);
+  EXPECT_EQ(countOf(text.c_str(), "(#1) \"abc\") \n"), 1);
+  EXPECT_EQ(countOf(text.c_str(), "SP[0](val):QVT_STRING"), 1);
+  EXPECT_EQ(countOf(text.c_str(), "(#2) \"abc\") \n"), 1);
+  EXPECT_EQ(countOf(text.c_str(), "LIT[4]:QVT_VECTOR"), 1);
+  EXPECT_EQ(countOf(text.c_str(), "(#1) \n"), 1);
+  EXPECT_EQ(countOf(text.c_str(), "(#2) \n"), 1);
+}
+
 TEST_F(VM, DestructorsRunOnlyDuringAnExecution) {
   // A script destructor runs only while an execution is in progress.
   QelClass* cls = makeClass(vm, u"D");
