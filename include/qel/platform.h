@@ -54,7 +54,8 @@ QEL_API struct tm* localtime(const uint32_t* t);
 QEL_API uint32_t qelTickCount();
 
 // Native addresses as 32-bit script integers. 0 is never a handle; null maps to 0.
-// The same address always gets the same positive handle until it is released; an
+// The same address always gets the same positive handle until it is released; handles
+// are large and sparse (0x40000000 upwards, far apart), never small integers. An
 // unknown or released handle maps to null. Released numbers may be reused. One
 // table serves every thread of the process.
 QEL_API int32_t qelHandleFor(void* address);
