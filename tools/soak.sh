@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Soak test (not part of the quick suite): every script test runs ROUNDS times (default
 # 1000) in one machine, re-initialised between scripts, and the run fails if the resident
-# memory grows after the first tenth of the rounds.
+# memory grows by more than one page after the first tenth of the rounds (at least 50).
 #   tools/soak.sh [ROUNDS]
 set -euo pipefail
 rounds=${1:-1000}

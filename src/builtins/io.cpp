@@ -112,7 +112,7 @@ bool QelDefaultFunctions::Qel_fclose(QelVirtualMachine* vm, int nargs, ValPtr& a
   BuiltinCall call(vm, nargs, args);
   FILE* fp = onlyStream(call);
   if (!fp) return false;
-  return call.result(integer(closeStream(fp)));
+  return call.result(integer(closeStream(vm, fp)));
 }
 
 bool QelDefaultFunctions::Qel_feof(QelVirtualMachine* vm, int nargs, ValPtr& args) {
@@ -156,7 +156,7 @@ bool QelDefaultFunctions::Qel_putwc(QelVirtualMachine* vm, int nargs, ValPtr& ar
 bool QelDefaultFunctions::Qel_gets(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   if (!call.arity(0, 0)) return false;
-  if (!isLiveStream(stdin)) return call.result(QelValue(new QelString(), false));
+  if (!isLiveStream(vm, stdin)) return call.result(QelValue(new QelString(), false));
   return call.result(readLine(stdin, readWideChar));
 }
 

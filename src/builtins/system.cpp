@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "builtins/args.h"
+#include "builtins/handles.h"
 #include "platform/files.h"
 #include "qel/compiler.h"
 #include "qel/platform.h"
@@ -36,8 +37,12 @@ struct NativeHandles {
   std::unordered_map<int32_t, int> openLibraries;
   // Procedure handle -> the library handles "GetProcAddress" found it through.
   std::unordered_map<int32_t, std::unordered_set<int32_t>> procedureLibraries;
-  // Handles of addresses answered by "addr".
-  std::unordered_set<int32_t> dataHandles;
+  // Handles of addresses answered by "addr": how many machines were given each, and
+  // which each machine was given. A machine's are forgotten when it is re-initialised
+  // or destroyed (its values, whose data they name, are gone by then), so a host that
+  // runs script after script keeps a table of the size of one run.
+  std::unordered_map<int32_t, int> dataHandles;
+  std::unordered_map<const QelVirtualMachine*, std::unordered_set<int32_t>> machineData;
 
   // The library behind a handle that a script opened and has not closed, or null.
   void* openLibrary(int32_t handle) {
@@ -99,11 +104,11 @@ void* liveProcedure(int32_t handle) {
   return h.liveProcedure(handle);
 }
 
-int32_t recordData(void* address) {
+int32_t recordData(const QelVirtualMachine* vm, void* address) {
   NativeHandles& h = nativeHandles();
   std::lock_guard<std::mutex> hold(h.lock);
   int32_t handle = qelHandleFor(address);
-  if (handle) h.dataHandles.insert(handle);
+  if (handle && h.machineData[vm].insert(handle).second) ++h.dataHandles[handle];
   return handle;
 }
 
@@ -262,7 +267,22 @@ bool QelDefaultFunctions::Qel_addr(QelVirtualMachine* vm, int nargs, ValPtr& arg
   if (!call.arity(1, 1)) return false;
   QelValue* cell = call.cursor();
   if (!cell || cell->isNull()) return call.fail(kMsgArgumentNull);
-  return call.result(QelValue(recordData(cell->addr())));
+  return call.result(QelValue(recordData(vm, cell->addr())));
+}
+
+void qel::forgetDataHandles(const QelVirtualMachine* vm) {
+  NativeHandles& h = nativeHandles();
+  std::lock_guard<std::mutex> hold(h.lock);
+  auto given = h.machineData.find(vm);
+  if (given == h.machineData.end()) return;
+  for (int32_t handle : given->second) {
+    auto held = h.dataHandles.find(handle);
+    if (held == h.dataHandles.end() || --held->second > 0) continue;
+    h.dataHandles.erase(held);
+    // An address a library or procedure handle also names keeps its handle.
+    if (!h.openLibraries.count(handle) && !h.procedureLibraries.count(handle)) qelReleaseHandle(handle);
+  }
+  h.machineData.erase(given);
 }
 
 // ---- The environment ----
@@ -298,8 +318,9 @@ bool QelDefaultFunctions::Qel_setenv(QelVirtualMachine* vm, int nargs, ValPtr& a
 // ---- Compiling at run time ----
 
 // Compile errors are the compiler's to report (through the machine's printer); they
-// only make the result 0. A stream is the compiler's to close, as the compiler closes
-// every stream it reads: the script's file is closed afterwards.
+// only make the result 0. The stream is read to its end and closed, as the compiler
+// closes every stream it reads: the compiler reads a stream of its own with the bytes
+// the script's had left, so the script's stream is closed by the built-ins' rules.
 bool QelDefaultFunctions::Qel_compile(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   if (!call.arity(1, 2)) return false;
@@ -314,8 +335,7 @@ bool QelDefaultFunctions::Qel_compile(QelVirtualMachine* vm, int nargs, ValPtr& 
   QelCompiler compiler(*vm, nullptr);
   bool ok;
   if (stream) {
-    streamClosed(stream);
-    ok = compiler.compile(static_cast<void*>(stream), name);
+    ok = compiler.compile(static_cast<void*>(takeStream(vm, stream)), name);
   } else {
     QelString* text = source;
     ok = compiler.compile(text ? text->c_str() : u"", name);

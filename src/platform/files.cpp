@@ -1,9 +1,13 @@
 #include "platform/files.h"
 
+#include <stdio_ext.h>
+#include <sys/types.h>
+
 #include <cstring>
 #include <mutex>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "qel/string.h"
 
@@ -18,15 +22,73 @@ struct PendingUnits {
   int32_t write = -1;
 };
 
+// A script's stream: a stream of the engine's own whose reads, writes and seeks go to
+// the file below, unbuffered there (the stream above has the buffer).
+struct ScriptFile {
+  FILE* file = nullptr;  // null while the stream is closed and waits to be taken again
+  int mode = 0;          // which kind of open made the stream (kModes)
+};
+
+// The kinds of open a stream keeps: what it may do is fixed when it is made.
+const char* const kModes[] = {"r", "w", "a", "r+", "w+", "a+"};
+const int kModeCount = 6;
+
+// The kind of a mode text ("rb" is "r", "a+b" and "ab+" are "a+"), or -1.
+int modeKind(const std::string& mode) {
+  if (mode.empty()) return -1;
+  int base = mode[0] == 'r' ? 0 : mode[0] == 'w' ? 1 : mode[0] == 'a' ? 2 : -1;
+  if (base < 0) return -1;
+  return mode.find('+') != std::string::npos ? base + 3 : base;
+}
+
+ssize_t scriptRead(void* cookie, char* buf, size_t n) {
+  FILE* f = static_cast<ScriptFile*>(cookie)->file;
+  if (!f) return -1;
+  size_t got = fread(buf, 1, n, f);
+  return got == 0 && ferror(f) ? -1 : static_cast<ssize_t>(got);
+}
+
+ssize_t scriptWrite(void* cookie, const char* buf, size_t n) {
+  FILE* f = static_cast<ScriptFile*>(cookie)->file;
+  if (!f) return -1;
+  size_t put = fwrite(buf, 1, n, f);
+  return put == 0 && n > 0 ? -1 : static_cast<ssize_t>(put);
+}
+
+int scriptSeek(void* cookie, off64_t* at, int whence) {
+  FILE* f = static_cast<ScriptFile*>(cookie)->file;
+  if (!f || fseeko(f, *at, whence) != 0) return -1;
+  *at = ftello(f);
+  return *at < 0 ? -1 : 0;
+}
+
+int scriptClose(void* cookie);
+
+const cookie_io_functions_t kScriptFileFunctions = {scriptRead, scriptWrite, scriptSeek, scriptClose};
+
+// The bits of the standard streams in a machine's set of closed ones.
+unsigned standardBit(FILE* fp) { return fp == stdin ? 1u : fp == stdout ? 2u : fp == stderr ? 4u : 0u; }
+
 struct StreamTable {
   std::mutex lock;
   std::unordered_set<FILE*> dead;
   std::unordered_map<FILE*, PendingUnits> pending;
+  std::unordered_map<FILE*, ScriptFile*> scriptFiles;  // every stream of a script's, open or not
+  std::vector<FILE*> waiting[kModeCount];              // closed ones, by kind, to be taken again
+  std::unordered_map<const QelVirtualMachine*, unsigned> closedStandard;
 };
 
 StreamTable& streams() {
   static StreamTable* table = new StreamTable;  // outlives every machine
   return *table;
+}
+
+// Only a stream that cannot be taken again is ever closed for good (see closeStream).
+int scriptClose(void* cookie) {
+  ScriptFile* sf = static_cast<ScriptFile*>(cookie);
+  int status = sf->file ? fclose(sf->file) : 0;
+  delete sf;
+  return status;
 }
 
 bool isHighSurrogate(uint32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
@@ -107,44 +169,126 @@ FILE* openFile(const QelChar* path, const QelChar* mode) {
 }
 
 FILE* openStream(const QelChar* path, const QelChar* mode) {
-  FILE* fp = openFile(path, mode);
-  if (fp) {
-    StreamTable& t = streams();
-    std::lock_guard<std::mutex> hold(t.lock);
-    t.dead.erase(fp);  // the allocator may hand out a closed stream's address again
-    t.pending.erase(fp);
+  std::string m = toUtf8(mode);
+  int kind = modeKind(m);
+  FILE* file = kind >= 0 ? openFile(path, mode) : nullptr;
+  if (!file) return nullptr;
+  setvbuf(file, nullptr, _IONBF, 0);
+  StreamTable& t = streams();
+  std::lock_guard<std::mutex> hold(t.lock);
+  FILE* fp;
+  if (!t.waiting[kind].empty()) {
+    fp = t.waiting[kind].back();
+    t.waiting[kind].pop_back();
+    t.scriptFiles[fp]->file = file;
+  } else {
+    ScriptFile* sf = new ScriptFile;
+    sf->file = file;
+    sf->mode = kind;
+    fp = fopencookie(sf, kModes[kind], kScriptFileFunctions);
+    if (!fp) {
+      delete sf;
+      fclose(file);
+      return nullptr;
+    }
+    t.scriptFiles[fp] = sf;
   }
+  t.dead.erase(fp);  // the allocator may hand out a foreign stream's address again
+  t.pending.erase(fp);
   return fp;
 }
 
-int closeStream(FILE* fp) {
-  if (!isLiveStream(fp)) return EOF;
-  {
-    StreamTable& t = streams();
-    std::lock_guard<std::mutex> hold(t.lock);
-    auto p = t.pending.find(fp);
-    if (p != t.pending.end()) {
-      flushPendingWrite(fp, p->second);
-      t.pending.erase(p);
-    }
-    t.dead.insert(fp);
+namespace {
+
+// Closes a live stream under the table's lock; see closeStream.
+int closeLocked(StreamTable& t, const QelVirtualMachine* vm, FILE* fp) {
+  auto p = t.pending.find(fp);
+  if (p != t.pending.end()) {
+    flushPendingWrite(fp, p->second);
+    t.pending.erase(p);
   }
-  return fclose(fp);
-}
-
-void streamClosed(FILE* fp) {
-  if (!fp) return;
-  StreamTable& t = streams();
-  std::lock_guard<std::mutex> hold(t.lock);
-  t.pending.erase(fp);
+  if (unsigned bit = standardBit(fp)) {
+    t.closedStandard[vm] |= bit;
+    return fflush(fp) == 0 ? 0 : EOF;
+  }
   t.dead.insert(fp);
+  auto script = t.scriptFiles.find(fp);
+  if (script == t.scriptFiles.end()) return fclose(fp);  // a stream a host or native made
+  int status = fflush(fp) == 0 ? 0 : EOF;
+  ScriptFile* sf = script->second;
+  if (fwide(fp, 0) > 0) {
+    // A native made it a wide stream: it cannot serve the engine's byte reads again.
+    t.scriptFiles.erase(script);
+    return fclose(fp) == 0 ? status : EOF;
+  }
+  __fpurge(fp);  // unread input and an ungetc'd character go with the file
+  clearerr(fp);
+  if (fclose(sf->file) != 0) status = EOF;
+  sf->file = nullptr;
+  t.waiting[sf->mode].push_back(fp);
+  return status;
 }
 
-bool isLiveStream(FILE* fp) {
+bool isLiveLocked(StreamTable& t, const QelVirtualMachine* vm, FILE* fp) {
   if (!fp) return false;
+  if (unsigned bit = standardBit(fp)) {
+    auto closed = t.closedStandard.find(vm);
+    return closed == t.closedStandard.end() || (closed->second & bit) == 0;
+  }
+  return t.dead.count(fp) == 0;
+}
+
+}  // namespace
+
+int closeStream(const QelVirtualMachine* vm, FILE* fp) {
   StreamTable& t = streams();
   std::lock_guard<std::mutex> hold(t.lock);
-  return t.dead.count(fp) == 0;
+  if (!isLiveLocked(t, vm, fp)) return EOF;
+  return closeLocked(t, vm, fp);
+}
+
+bool isLiveStream(const QelVirtualMachine* vm, FILE* fp) {
+  StreamTable& t = streams();
+  std::lock_guard<std::mutex> hold(t.lock);
+  return isLiveLocked(t, vm, fp);
+}
+
+FILE* takeStream(const QelVirtualMachine* vm, FILE* fp) {
+  StreamTable& t = streams();
+  std::lock_guard<std::mutex> hold(t.lock);
+  if (!isLiveLocked(t, vm, fp)) return nullptr;
+  if (!standardBit(fp) && !t.scriptFiles.count(fp)) {
+    // A foreign stream is handed over as it is: the taker closes it.
+    t.pending.erase(fp);
+    t.dead.insert(fp);
+    return fp;
+  }
+  std::string bytes;
+  for (int c; (c = fgetc(fp)) != EOF;) bytes.push_back(static_cast<char>(c));
+  closeLocked(t, vm, fp);
+  // A copy in memory that the taker reads and closes; it frees its own buffer.
+  FILE* copy = fmemopen(nullptr, bytes.size() + 1, "w+");
+  if (!copy) return nullptr;
+  if (fwrite(bytes.data(), 1, bytes.size(), copy) != bytes.size() || fseek(copy, 0, SEEK_SET) != 0) {
+    fclose(copy);
+    return nullptr;
+  }
+  return copy;
+}
+
+int streamDescriptor(FILE* fp) {
+  if (!fp) return -1;
+  StreamTable& t = streams();
+  std::lock_guard<std::mutex> hold(t.lock);
+  auto script = t.scriptFiles.find(fp);
+  if (script == t.scriptFiles.end()) return fileno(fp);
+  return script->second->file ? fileno(script->second->file) : -1;
+}
+
+void forgetClosedStandardStreams(const QelVirtualMachine* vm) {
+  StreamTable& t = streams();
+  std::lock_guard<std::mutex> hold(t.lock);
+  t.closedStandard.erase(vm);
 }
 
 int32_t readWideChar(FILE* fp) {

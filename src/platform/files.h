@@ -1,17 +1,25 @@
 // Files and streams by engine text: paths are converted to UTF-8 and the 't' of a text
 // mode is dropped (streams are byte streams on this platform).
 //
-// Streams handed to scripts are watched: one closed through closeStream (or by a
-// compiler that read it to the end) is dead, and the built-ins refuse it instead of
-// reaching freed memory. Wide-character reads and writes go through UTF-8, whatever the
-// C locale: a character beyond the basic plane is read as two UTF-16 units, and a
-// surrogate pair written unit by unit becomes one character.
+// Streams handed to scripts are watched: one closed through closeStream is dead, and the
+// built-ins refuse it instead of reaching freed memory. A stream a script opens is a
+// stream of the engine's own over the file; closing it closes the file but keeps the
+// stream, which the next open with the same mode takes again. So the streams a
+// long-running host's scripts ever closed take no more room than the most they had open
+// at once, and a closed stream's address is never some other object's. The process's
+// standard streams are closed only for the machine whose script closed them: the
+// printers and every other machine go on using them.
+//
+// Wide-character reads and writes go through UTF-8, whatever the C locale: a character
+// beyond the basic plane is read as two UTF-16 units, and a surrogate pair written unit
+// by unit becomes one character.
 #pragma once
 
 #include <cstdio>
 #include <string>
 
 #include "qel/config.h"
+
 
 namespace qel {
 
@@ -24,12 +32,19 @@ std::u16string fromUtf8(const char* text);
 
 // openFile for a script: the stream is live until closeStream.
 FILE* openStream(const QelChar* path, const QelChar* mode);
-// Closes a live stream and answers fclose's result; EOF for a dead or null one.
-int closeStream(FILE* fp);
-// Records that a stream was closed by someone else (a compiler's scanner).
-void streamClosed(FILE* fp);
-// A non-null stream that has not been closed.
-bool isLiveStream(FILE* fp);
+// Closes a live stream for `vm`'s scripts and answers fclose's result; EOF for a dead
+// or null one.
+int closeStream(const QelVirtualMachine* vm, FILE* fp);
+// A non-null stream that has not been closed (for `vm`'s scripts).
+bool isLiveStream(const QelVirtualMachine* vm, FILE* fp);
+// The live stream `fp` as a stream of its own that the caller closes: its unread bytes
+// for a stream of a script's or a standard stream, which is then closed as closeStream
+// closes it; any other stream itself, recorded as closed. Null when it cannot be read.
+FILE* takeStream(const QelVirtualMachine* vm, FILE* fp);
+// The descriptor of the file under a stream, or -1.
+int streamDescriptor(FILE* fp);
+// Forgets which standard streams `vm`'s scripts closed (the machine starts afresh).
+void forgetClosedStandardStreams(const QelVirtualMachine* vm);
 
 // One UTF-8 character as a code point: -1 at the end, U+FFFD for a malformed sequence.
 int32_t readCodePoint(FILE* fp);

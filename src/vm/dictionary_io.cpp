@@ -706,7 +706,7 @@ void QelDictionaryIO::measure(FILE* fp) {
   sizeKnown_ = false;
   struct stat st;
   long at = ftell(fp);
-  if (at >= 0 && fstat(fileno(fp), &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= at) {
+  if (at >= 0 && fstat(qel::streamDescriptor(fp), &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= at) {
     sizeKnown_ = true;
     limit_ = static_cast<uint64_t>(st.st_size - at);
   }

@@ -31,5 +31,5 @@ bool QelNativeCall::result(QelValue value) {
 
 FILE* QelNativeCall::stream(int k) const {
   FILE* fp = static_cast<FILE*>(static_cast<void*>((*this)[k]));
-  return isLiveStream(fp) ? fp : nullptr;
+  return isLiveStream(vm_, fp) ? fp : nullptr;
 }

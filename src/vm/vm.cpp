@@ -9,6 +9,7 @@
 #include "qel/dictionary_io.h"
 #include "qel/interpreter.h"
 #include "qel/platform.h"
+#include "builtins/handles.h"
 #include "platform/files.h"
 #include "value/heap.h"
 
@@ -33,6 +34,8 @@ QelVirtualMachine::QelVirtualMachine(IQelPrinter* printer)
 QelVirtualMachine::~QelVirtualMachine() {
   clearRegistries();
   freeModules();
+  qel::forgetDataHandles(this);
+  qel::forgetClosedStandardStreams(this);
   result_.dispose();
   classes_->release();
   symbols_->release();
@@ -77,6 +80,8 @@ void QelVirtualMachine::keepReplacedClass(const QelValue& cls) {
 void QelVirtualMachine::reinit() {
   clearRegistries();
   freeModules();
+  qel::forgetDataHandles(this);
+  qel::forgetClosedStandardStreams(this);
   QelDefaultFunctions::registerFunctions(this);
 }
 

@@ -113,6 +113,26 @@ TEST_F(VM, ReinitRegistersTheBuiltinsAgain) {
   EXPECT_TRUE(vm.registerNativeFunction(u"mine", first));
 }
 
+// A script's fclose of a standard stream closes it for that machine's scripts only:
+// the process's stream stays open for the printers, for other machines and for the
+// machine itself once it starts afresh.
+TEST_F(VM, ClosingAStandardStreamClosesItForTheMachineOnly) {
+  const QelChar* source = u"closes() { return fclose(stderr); } writes() { return fputs(\"\", stderr); }";
+  QelVirtualMachine other(&out);
+  ASSERT_TRUE(vm.compileText(source));
+  ASSERT_TRUE(other.compileText(source));
+  ASSERT_TRUE(vm.execute(u"closes", 0, nullptr, false, &err));
+  EXPECT_EQ(vm.getResult().toLong(), 0);
+  EXPECT_FALSE(vm.execute(u"closes", 0, nullptr, false, &err));  // closed already
+  EXPECT_FALSE(vm.execute(u"writes", 0, nullptr, false, &err));
+  EXPECT_EQ(countOf(err.a_str(), "invalid argument"), 2);
+  EXPECT_NE(fputs("", stderr), EOF);
+  EXPECT_TRUE(other.execute(u"writes", 0, nullptr, false, &err));
+  vm.reinit();
+  ASSERT_TRUE(vm.compileText(source));
+  EXPECT_TRUE(vm.execute(u"writes", 0, nullptr, false, &err));
+}
+
 TEST_F(VM, StepWaitProcedure) {
   // Without a wait procedure a step traces exactly one instruction.
   Asm(u"step").op(OP_TRSTEP).op(OP_NOP).op(OP_NOP).op(OP_NOP).op(OP_NOP).op(OP_RETURN).install(vm);
