@@ -50,6 +50,13 @@ const char kUsage[] =
     "              stop the run after N instructions (runtime error)\n"
     "  --max-memory BYTES\n"
     "              stop the run when its heap objects pass BYTES (suffix K, M or G)\n"
+    "  --deny WORD[,WORD...]\n"
+    "              withhold capability groups from the script: files, input, env,\n"
+    "              native, modules, compile (repeatable)\n"
+    "  --sandbox   withhold all six: the script can compute and print, nothing else\n"
+    "  --allow-modules DIR\n"
+    "              with modules withheld, still let the script read source and module\n"
+    "              files under DIR (repeatable)\n"
     "  -h, --help  show this help\n"
     "  --version   show the version\n"
     "  --          end of options\n"
@@ -68,6 +75,8 @@ struct Options {
   bool check = false;
   uint64_t maxInstructions = 0;
   uint64_t maxMemory = 0;
+  unsigned withheld = 0;  // capability groups
+  std::vector<std::string> moduleDirectories;
   std::string file;
   std::vector<std::string> args;
 };
@@ -98,6 +107,30 @@ bool parseCount(const char* text, bool suffixes, uint64_t& value) {
   if (*end || (shift && n > (UINT64_MAX >> shift))) return false;
   value = static_cast<uint64_t>(n) << shift;
   return true;
+}
+
+// The capability groups a --deny list names; false for an unknown word.
+bool parseGroups(const std::string& list, unsigned& groups) {
+  static const struct {
+    const char* word;
+    unsigned group;
+  } kGroups[] = {{"files", QEL_CAP_FILES},   {"input", QEL_CAP_INPUT},     {"env", QEL_CAP_ENV},
+                 {"native", QEL_CAP_NATIVE}, {"modules", QEL_CAP_MODULES}, {"compile", QEL_CAP_COMPILE}};
+  size_t start = 0;
+  for (;;) {
+    size_t end = list.find(',', start);
+    std::string word = list.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    bool known = false;
+    for (const auto& g : kGroups) {
+      if (word == g.word) {
+        groups |= g.group;
+        known = true;
+      }
+    }
+    if (!known) return false;
+    if (end == std::string::npos) return true;
+    start = end + 1;
+  }
 }
 
 // Answers -1 when the options are complete, else the exit status to end with.
@@ -135,6 +168,16 @@ int parseOptions(int argc, char** argv, Options& opt) {
       opt.trace = true;
     } else if (a == "--check") {
       opt.check = true;
+    } else if (a == "--deny") {
+      if (i + 1 >= argc || !parseGroups(argv[i + 1], opt.withheld)) {
+        return usageError("option --deny needs a list of files, input, env, native, modules, compile");
+      }
+      ++i;
+    } else if (a == "--sandbox") {
+      opt.withheld = QEL_CAP_ALL;
+    } else if (a == "--allow-modules") {
+      if (i + 1 >= argc) return usageError("option --allow-modules needs a directory");
+      opt.moduleDirectories.emplace_back(argv[++i]);
     } else if (a == "--max-instructions" || a == "--max-memory") {
       bool memory = a == "--max-memory";
       if (i + 1 >= argc || !parseCount(argv[i + 1], memory, memory ? opt.maxMemory : opt.maxInstructions)) {
@@ -232,6 +275,14 @@ int main(int argc, char** argv) {
   vm.cmdargv() = argvText.data();
   vm.setInstructionLimit(opt.maxInstructions);
   vm.setMemoryLimit(static_cast<size_t>(opt.maxMemory));
+  // The script's powers; FILE and the -m modules are read by qel itself, as the host.
+  vm.withhold(opt.withheld);
+  for (const std::string& dir : opt.moduleDirectories) {
+    if (!vm.allowModuleDirectory(QelString(dir.c_str()).c_str())) {
+      fprintf(stderr, "qel: cannot find directory %s\n", dir.c_str());
+      return kExitNoInput;
+    }
+  }
 
   for (const std::string& module : opt.modules) {
     int status = readModuleFile(vm, module);

@@ -86,15 +86,12 @@ bool sandboxedFclose(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   return QelDefaultFunctions::Qel_fclose(vm, nargs, args);
 }
 
+// The compiler closes a stream it reads that is not a script's own: the /dev/null
+// streams in place of the standard ones must stay open.
 bool sandboxedCompile(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   QelNativeCall call(vm, nargs, args);
-  if (nargs >= 1 && call.typeOf(1) == QVT_FILE) return call.result(QelValue(int32_t(0)));
+  if (nargs >= 1 && isStandardStream(streamOf(call[1]))) return call.result(QelValue(int32_t(0)));
   return QelDefaultFunctions::Qel_compile(vm, nargs, args);
-}
-
-bool answerNull(QelVirtualMachine* vm, int nargs, ValPtr& args) {
-  QelNativeCall call(vm, nargs, args);
-  return call.none();
 }
 
 void replace(QelVirtualMachine& vm, const QelChar* name, const QelValue& value) {
@@ -134,14 +131,22 @@ void sandbox(QelVirtualMachine& vm) {
   replace(vm, u"fclose", QelValue(&sandboxedFclose));
   replace(vm, u"loadmodule", QelValue(&sandboxedLoadmodule));
   replace(vm, u"compile", QelValue(&sandboxedCompile));
-  for (const QelChar* name : {u"setenv", u"LoadLibrary", u"FreeLibrary", u"GetProcAddress", u"CallLibFunc"}) {
-    replace(vm, name, QelValue(&answerNull));
-  }
+  // Native code, the environment, and source and module files other than the scratch
+  // files are the machine's to refuse.
+  vm.withhold(QEL_CAP_NATIVE | QEL_CAP_ENV | QEL_CAP_MODULES);
+  if (!vm.allowModuleDirectory(QelString(p.dir.c_str()).c_str())) abort();
 }
 
+// Closed as a script closes them, so the engine can take the streams again.
 void closeScriptStreams() {
   Process& p = process();
-  for (FILE* fp : p.opened) fclose(fp);
+  for (FILE* fp : p.opened) {
+    QelVector stack;
+    stack.push_back(QelValue());
+    stack.push_back(QelValue(static_cast<void*>(fp)));
+    ValPtr args(&stack, 1);
+    QelDefaultFunctions::Qel_fclose(nullptr, 1, args);
+  }
   p.opened.clear();
 }
 

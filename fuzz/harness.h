@@ -39,8 +39,9 @@ std::u16string toText(const uint8_t* data, size_t size);
 
 // Takes the machine's way out of the process away: the standard streams become
 // /dev/null streams that cannot be closed, "fopen" and "loadmodule" use one scratch
-// file whatever name they are given, "compile" refuses streams, and the native-library
-// and environment built-ins answer null. Call right after constructing the machine.
+// file whatever name they are given, "compile" refuses the /dev/null streams, and the
+// machine withholds native code, the environment, and source and module files outside
+// the scratch directory. Call right after constructing the machine.
 void sandbox(QelVirtualMachine& vm);
 
 // Closes the streams scripts opened through the sandboxed "fopen" and left open.

@@ -38,6 +38,9 @@ class QEL_API QelDictionaryIO {
   // fills the classes and the symbols. False when the file cannot be opened, is
   // malformed, or names what cannot be found; what was read before stays.
   bool readModule(const QelString& path);
+  // Makes readModule fail, loading nothing, for a module file that names native
+  // libraries: a script reading it may not load native code (QEL_CAP_NATIVE).
+  void refuseNativeModules() { refuseNative_ = true; }
   // One value to or from an open stream; false for a null stream or a failed transfer.
   bool writeSingleValue(FILE* fp, QelValue& value);
   bool readSingleValue(FILE* fp, QelValue& value);
@@ -137,6 +140,7 @@ class QEL_API QelDictionaryIO {
   QelDictionary* symbols_;
   IQelPrinter* printer_;
   QelVirtualMachine* vm_;
+  bool refuseNative_ = false;
 
   FILE* fp_ = nullptr;
   // Bytes consumed, and (when the stream's size is known) how many it held.

@@ -17,6 +17,8 @@
 #ifndef QEL_FLAT_H
 #define QEL_FLAT_H
 
+#include "qel/capabilities.h"
+
 #ifdef __cplusplus
 #include "qel/config.h"
 class IQelPrinter;
@@ -72,8 +74,20 @@ QEL_API int Qel_ReadModuleW(QelVirtualMachine* vm, const QelChar* path);
 /* The last run's result as a 32-bit integer (numbers truncated, other values their raw
  * payload); -2147483648 for NULL. */
 QEL_API int32_t Qel_GetIntResult(QelVirtualMachine* vm);
-/* Empties the machine and registers the built-ins again; NULL is ignored. */
+/* Empties the machine and registers the built-ins again; NULL is ignored. The machine's
+ * capabilities and allowed module directories stay. */
 QEL_API void Qel_Reinit(QelVirtualMachine* vm);
+
+/* Capability groups (QEL_CAP_FILES, ... in qel/capabilities.h), all granted to a new
+ * machine. Withholding or granting answers the groups granted afterwards; 0 for NULL. */
+QEL_API unsigned Qel_WithholdCapabilities(QelVirtualMachine* vm, unsigned groups);
+QEL_API unsigned Qel_GrantCapabilities(QelVirtualMachine* vm, unsigned groups);
+QEL_API unsigned Qel_GetCapabilities(QelVirtualMachine* vm);
+/* A directory whose source and module files scripts may still read while QEL_CAP_MODULES
+ * is withheld (compared with ".." and symbolic links resolved). 1, or 0 when the
+ * directory does not resolve or for NULL. */
+QEL_API int Qel_AllowModuleDirectoryA(QelVirtualMachine* vm, const char* dir);
+QEL_API int Qel_AllowModuleDirectoryW(QelVirtualMachine* vm, const QelChar* dir);
 
 /* A printer writing UTF-8 to standard output, released with Qel_ReleasePrinter.
  * NULL when memory runs out. */

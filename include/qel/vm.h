@@ -9,8 +9,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
+#include "qel/capabilities.h"
 #include "qel/class.h"
 #include "qel/printer.h"
 
@@ -84,6 +86,21 @@ class QEL_API QelVirtualMachine {
   void interrupt() { interruptRequested_.store(true, std::memory_order_relaxed); }
   std::atomic<bool>& interruptFlag() { return interruptRequested_; }
 
+  // Capability groups (QEL_CAP_FILES, ... in qel/capabilities.h): all granted by default;
+  // `reinit` keeps them. withhold and grant take a set of groups.
+  void withhold(unsigned groups) { capabilities_ &= ~groups; }
+  void grant(unsigned groups) { capabilities_ |= groups & QEL_CAP_ALL; }
+  unsigned capabilities() const { return capabilities_; }
+  bool permits(unsigned group) const { return (capabilities_ & group) == group; }
+  // A directory whose source and module files scripts may read even while QEL_CAP_MODULES
+  // is withheld: the directory and the files are compared once ".." and symbolic links are
+  // resolved. False when the directory does not resolve.
+  bool allowModuleDirectory(const QelChar* dir);
+  void clearModuleDirectories() { moduleDirectories_.clear(); }
+  // Whether a script may read the source or module file `path`; `resolved` is then the
+  // path to open (the path itself while the group is granted, else its resolved form).
+  bool permitsModuleFile(const QelChar* path, QelString& resolved) const;
+
   // Asks the host's wait procedure whether single-stepping goes on; false without one.
   bool dbgWait();
   bool (*setDbgWaitProc(bool (*proc)()))();
@@ -125,4 +142,6 @@ class QEL_API QelVirtualMachine {
   size_t memoryLimit_ = 0;
   int maxCallDepth_;
   std::atomic<bool> interruptRequested_{false};
+  unsigned capabilities_ = QEL_CAP_ALL;
+  std::vector<std::string> moduleDirectories_;  // resolved, UTF-8
 };

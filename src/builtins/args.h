@@ -14,4 +14,10 @@ using BuiltinCall = QelNativeCall;
 // "missing interpreter\n" through the machine's printer and false.
 bool systemReady(QelVirtualMachine* vm);
 
+// The capability guard: false, after "NAME: not permitted", when the machine withholds
+// `group` (qel/capabilities.h).
+bool permitted(BuiltinCall& call, unsigned group, const QelChar* name);
+// Reading a stream: the console (stdin) also needs QEL_CAP_INPUT.
+bool mayRead(BuiltinCall& call, FILE* fp, const QelChar* name);
+
 }  // namespace qel

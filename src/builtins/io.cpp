@@ -100,6 +100,7 @@ uint64_t appendFromStream(QelBuffer& b, FILE* fp, uint64_t limit) {
 
 bool QelDefaultFunctions::Qel_fopen(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
+  if (!permitted(call, QEL_CAP_FILES, u"fopen")) return false;
   if (!call.arity(2, 2)) return false;
   QelString* path = call.string(1);
   QelString* mode = call.string(2);
@@ -125,7 +126,7 @@ bool QelDefaultFunctions::Qel_feof(QelVirtualMachine* vm, int nargs, ValPtr& arg
 bool QelDefaultFunctions::Qel_getc(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   FILE* fp = onlyStream(call);
-  if (!fp) return false;
+  if (!fp || !mayRead(call, fp, u"getc")) return false;
   return call.result(integer(fgetc(fp)));
 }
 
@@ -141,7 +142,7 @@ bool QelDefaultFunctions::Qel_putc(QelVirtualMachine* vm, int nargs, ValPtr& arg
 bool QelDefaultFunctions::Qel_getwc(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   FILE* fp = onlyStream(call);
-  if (!fp) return false;
+  if (!fp || !mayRead(call, fp, u"getwc")) return false;
   return call.result(integer(readWideChar(fp) & 0xFFFF));
 }
 
@@ -155,7 +156,7 @@ bool QelDefaultFunctions::Qel_putwc(QelVirtualMachine* vm, int nargs, ValPtr& ar
 
 bool QelDefaultFunctions::Qel_gets(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
-  if (!call.arity(0, 0)) return false;
+  if (!call.arity(0, 0) || !permitted(call, QEL_CAP_INPUT, u"gets")) return false;
   if (!isLiveStream(vm, stdin)) return call.result(QelValue(new QelString(), false));
   return call.result(readLine(stdin, readWideChar));
 }
@@ -164,14 +165,14 @@ bool QelDefaultFunctions::Qel_gets(QelVirtualMachine* vm, int nargs, ValPtr& arg
 bool QelDefaultFunctions::Qel_fgets(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   FILE* fp = onlyStream(call);
-  if (!fp) return false;
+  if (!fp || !mayRead(call, fp, u"fgets")) return false;
   return call.result(readLine(fp, readByte));
 }
 
 bool QelDefaultFunctions::Qel_fgetws(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   FILE* fp = onlyStream(call);
-  if (!fp) return false;
+  if (!fp || !mayRead(call, fp, u"fgetws")) return false;
   return call.result(readLine(fp, readWideChar));
 }
 
@@ -199,7 +200,7 @@ bool QelDefaultFunctions::Qel_fputws(QelVirtualMachine* vm, int nargs, ValPtr& a
 bool QelDefaultFunctions::Qel_fread(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
   Transfer t;
-  if (!transferOperands(call, t)) return false;
+  if (!transferOperands(call, t) || !mayRead(call, t.fp, u"fread")) return false;
   QelBuffer& b = *t.buffer;
   unsigned int before = b.size();
   if (t.whole) {

@@ -11,8 +11,10 @@ bool QelDefaultFunctions::Qel_loadmodule(QelVirtualMachine* vm, int nargs, ValPt
   if (!call.arity(1, 1)) return false;
   QelString* name = call.string(1);
   if (!name) return call.fail(kMsgInvalidArgumentType);
-  QelString path(*name);  // the argument's string may be released while the module is read
+  QelString path;  // a copy: the argument's string may be released while the module is read
+  if (!vm->permitsModuleFile(name->c_str(), path)) return call.fail(u"loadmodule", u": not permitted");
   QelDictionaryIO io(*vm);
+  if (!vm->permits(QEL_CAP_NATIVE)) io.refuseNativeModules();
   return call.result(QelValue(static_cast<int32_t>(io.readModule(path) ? 1 : 0)));
 }
 
@@ -22,6 +24,7 @@ bool QelDefaultFunctions::Qel_freadval(QelVirtualMachine* vm, int nargs, ValPtr&
   if (!call.arity(1, 1)) return false;
   FILE* fp = call.stream(1);
   if (!fp) return call.fail(kMsgInvalidArgumentType);
+  if (!mayRead(call, fp, u"freadval")) return false;
   QelValue value;
   QelDictionaryIO io(*vm);
   if (!io.readSingleValue(fp, value)) value.dispose();

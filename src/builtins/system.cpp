@@ -264,6 +264,7 @@ bool QelDefaultFunctions::Qel_arg(QelVirtualMachine* vm, int nargs, ValPtr& args
 bool QelDefaultFunctions::Qel_addr(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
+  if (!permitted(call, QEL_CAP_NATIVE, u"addr")) return false;
   if (!call.arity(1, 1)) return false;
   QelValue* cell = call.cursor();
   if (!cell || cell->isNull()) return call.fail(kMsgArgumentNull);
@@ -290,6 +291,7 @@ void qel::forgetDataHandles(const QelVirtualMachine* vm) {
 bool QelDefaultFunctions::Qel_getenv(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
+  if (!permitted(call, QEL_CAP_ENV, u"getenv")) return false;
   if (!call.arity(1, 1)) return false;
   QelString* name = call.string(1);
   if (!name) return call.fail(kMsgStringExpected);
@@ -299,6 +301,7 @@ bool QelDefaultFunctions::Qel_getenv(QelVirtualMachine* vm, int nargs, ValPtr& a
 bool QelDefaultFunctions::Qel_setenv(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
+  if (!permitted(call, QEL_CAP_ENV, u"setenv")) return false;
   if (!call.arity(2, 2)) return false;
   QelString* name = call.string(1);
   QelString* value = call.string(2);
@@ -323,9 +326,10 @@ bool QelDefaultFunctions::Qel_setenv(QelVirtualMachine* vm, int nargs, ValPtr& a
 // the script's had left, so the script's stream is closed by the built-ins' rules.
 bool QelDefaultFunctions::Qel_compile(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   BuiltinCall call(vm, nargs, args);
-  if (!call.arity(1, 2)) return false;
+  if (!permitted(call, QEL_CAP_COMPILE, u"compile") || !call.arity(1, 2)) return false;
   FILE* stream = call.stream(1);
   if (!stream && !call[1].isString()) return call.fail(kMsgInvalidArgumentType);
+  if (stream && !mayRead(call, stream, u"compile")) return false;
   if (nargs == 2 && !call.string(2)) return call.fail(kMsgInvalidArgumentType);
   // Compiling may run script destructors: the texts are held by copies of the values.
   QelValue source(call[1]);
@@ -348,6 +352,7 @@ bool QelDefaultFunctions::Qel_compile(QelVirtualMachine* vm, int nargs, ValPtr& 
 bool QelDefaultFunctions::Qel_LoadLibrary(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
+  if (!permitted(call, QEL_CAP_NATIVE, u"LoadLibrary")) return false;
   if (!call.arity(1, 1)) return false;
   QelString* name = call.string(1);
   if (!name) return call.fail(kMsgInvalidArgumentType);
@@ -361,6 +366,7 @@ bool QelDefaultFunctions::Qel_LoadLibrary(QelVirtualMachine* vm, int nargs, ValP
 bool QelDefaultFunctions::Qel_FreeLibrary(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
+  if (!permitted(call, QEL_CAP_NATIVE, u"FreeLibrary")) return false;
   if (!call.arity(1, 1)) return false;
   if (!call.isInteger(1)) return call.fail(kMsgInvalidArgumentType);
   void* lib = takeLoad(call.integer(1));
@@ -371,6 +377,7 @@ bool QelDefaultFunctions::Qel_FreeLibrary(QelVirtualMachine* vm, int nargs, ValP
 bool QelDefaultFunctions::Qel_GetProcAddress(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
+  if (!permitted(call, QEL_CAP_NATIVE, u"GetProcAddress")) return false;
   if (!call.arity(2, 2)) return false;
   QelString* name = call.string(2);
   if (!call.isInteger(1) || !name) return call.fail(kMsgInvalidArgumentType);
@@ -383,6 +390,7 @@ bool QelDefaultFunctions::Qel_GetProcAddress(QelVirtualMachine* vm, int nargs, V
 bool QelDefaultFunctions::Qel_CallLibFunc(QelVirtualMachine* vm, int nargs, ValPtr& args) {
   if (!systemReady(vm)) return false;
   BuiltinCall call(vm, nargs, args);
+  if (!permitted(call, QEL_CAP_NATIVE, u"CallLibFunc")) return false;
   if (!call.arity(1, kMaxNativeArgs + 1)) return false;
   if (!call.isInteger(1)) return call.fail(kMsgInvalidArgumentType);
   // Only a procedure found by "GetProcAddress" in a library still open is called.

@@ -452,15 +452,25 @@ bool QelCompiler::_doPreproc(int& errors) {
     // The module is looked for along QELLIB, else taken by the name as written.
     QelString name(scanner_->getTokenString());
     const QelChar* found = searchEnv(u"QELLIB", name.c_str());
+    QelString path;
+    if (!vm_.permitsModuleFile(found ? found : name.c_str(), path)) {
+      _error(u"#use: not permitted", errors);
+      return true;
+    }
     QelDictionaryIO io(vm_);
-    if (!io.readModule(QelString(found ? found : name.c_str()))) _error(u"library import failed", errors);
+    if (!vm_.permits(QEL_CAP_NATIVE)) io.refuseNativeModules();
+    if (!io.readModule(path)) _error(u"library import failed", errors);
   } else if (command.equals(u"import")) {
     if (!_fetchRequire(QT_STRING, 0)) {
       ++errors;
       return true;
     }
     QelString name(scanner_->getTokenString());
-    if (!vm_.loadNativeModule(name.c_str())) _error(u"native module import failed", errors);
+    if (!vm_.permits(QEL_CAP_NATIVE)) {
+      _error(u"#import: not permitted", errors);
+    } else if (!vm_.loadNativeModule(name.c_str())) {
+      _error(u"native module import failed", errors);
+    }
   } else if (command.equals(u"endsrc")) {
     return false;
   } else if (command.equals(u"defvar")) {
@@ -507,7 +517,12 @@ bool QelCompiler::_doInclude(int& errors) {
     _error(u"include file name expected", errors);
     return false;
   }
-  FILE* fp = qel::openFile(file.c_str(), u"rt");
+  QelString path;
+  if (!vm_.permitsModuleFile(file.c_str(), path)) {
+    _error(u"#include: not permitted", errors);
+    return false;
+  }
+  FILE* fp = qel::openFile(path.c_str(), u"rt");
   if (!fp) {
     scanner_->parseError(u"file not found");
     (*printer_)(u"%s %s", file.c_str(), scanner_->getTokenString());

@@ -105,6 +105,10 @@ bool QelDictionaryIO::readModule(const QelString& path) {
   QelValue moduleList(new QelDictionary(false), false);
   QelDictionary* modules = moduleList;
   bool ok = readDictionary(*modules, 0);
+  if (ok && refuseNative_ && modules->getFirst()) {
+    (*printer_)(u"native module %s: not permitted\n", modules->getFirst()->getKey()->c_str());
+    ok = false;
+  }
   for (QelDictionaryEntry* e = modules->getFirst(); ok && e; e = e->getNext()) {
     ok = vm_->loadNativeModule(e->getKey()->c_str());
   }

@@ -115,6 +115,28 @@ void Qel_Reinit(QelVirtualMachine* vm) {
   if (vm) vm->reinit();
 }
 
+unsigned Qel_WithholdCapabilities(QelVirtualMachine* vm, unsigned groups) {
+  if (!vm) return 0;
+  vm->withhold(groups);
+  return vm->capabilities();
+}
+
+unsigned Qel_GrantCapabilities(QelVirtualMachine* vm, unsigned groups) {
+  if (!vm) return 0;
+  vm->grant(groups);
+  return vm->capabilities();
+}
+
+unsigned Qel_GetCapabilities(QelVirtualMachine* vm) { return vm ? vm->capabilities() : 0; }
+
+int Qel_AllowModuleDirectoryW(QelVirtualMachine* vm, const QelChar* dir) {
+  return vm ? flag(vm->allowModuleDirectory(dir)) : 0;
+}
+
+int Qel_AllowModuleDirectoryA(QelVirtualMachine* vm, const char* dir) {
+  return vm ? flag(vm->allowModuleDirectory(Wide(dir).text())) : 0;
+}
+
 IQelPrinter* Qel_CreateConsolePrinter(void) { return new (std::nothrow) QelFileStreamPrinter(stdout, false); }
 
 IQelPrinter* Qel_CreateCallbackPrinter(void (*callback)(const char*)) {

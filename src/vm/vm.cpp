@@ -2,6 +2,8 @@
 #include "qel/vm.h"
 
 #include <dlfcn.h>
+#include <limits.h>
+#include <stdlib.h>
 
 #include "qel/builtins.h"
 #include "qel/compiler.h"
@@ -281,4 +283,49 @@ bool (*QelVirtualMachine::setDbgWaitProc(bool (*proc)()))() {
   bool (*previous)() = dbgWaitProc_;
   dbgWaitProc_ = proc;
   return previous;
+}
+
+// ---- Capabilities ----
+
+namespace {
+
+// The path with ".." and symbolic links resolved, or "" when it does not resolve.
+std::string resolvedPath(const std::string& path) {
+  char* real = realpath(path.c_str(), nullptr);
+  if (!real) return std::string();
+  std::string resolved(real);
+  free(real);
+  return resolved;
+}
+
+bool isInside(const std::string& file, const std::string& dir) {
+  if (dir == "/") return true;
+  return file.size() > dir.size() && file.compare(0, dir.size(), dir) == 0 && file[dir.size()] == '/';
+}
+
+}  // namespace
+
+bool QelVirtualMachine::allowModuleDirectory(const QelChar* dir) {
+  if (!dir || !dir[0]) return false;
+  std::string resolved = resolvedPath(qel::toUtf8(dir));
+  if (resolved.empty()) return false;
+  moduleDirectories_.push_back(resolved);
+  return true;
+}
+
+bool QelVirtualMachine::permitsModuleFile(const QelChar* path, QelString& resolved) const {
+  if (!path) return false;
+  if (permits(QEL_CAP_MODULES)) {
+    resolved = QelString(path);
+    return true;
+  }
+  std::string file = resolvedPath(qel::toUtf8(path));
+  if (file.empty()) return false;
+  for (const std::string& dir : moduleDirectories_) {
+    if (isInside(file, dir)) {
+      resolved = QelString(file.c_str());
+      return true;
+    }
+  }
+  return false;
 }

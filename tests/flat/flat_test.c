@@ -47,6 +47,9 @@ static void nullMachine(void) {
   CHECK(Qel_SetDbgWaitProc(NULL, waitNever) == NULL);
   CHECK(Qel_CreateCallbackPrinter(NULL) == NULL);
   CHECK(Qel_ReleasePrinter(NULL) == 0);
+  CHECK(Qel_WithholdCapabilities(NULL, QEL_CAP_ALL) == 0 && Qel_GrantCapabilities(NULL, QEL_CAP_ALL) == 0);
+  CHECK(Qel_GetCapabilities(NULL) == 0);
+  CHECK(Qel_AllowModuleDirectoryA(NULL, "/tmp") == 0 && Qel_AllowModuleDirectoryW(NULL, W("/tmp")) == 0);
 }
 
 int main(void) {
@@ -99,6 +102,23 @@ int main(void) {
   Qel_Reinit(second);
   CHECK(Qel_ExecuteA(second, "join", 2, narrowArgs, 0, NULL, NULL) == 0);
   CHECK(Qel_ReadModuleW(second, W("/nonexistent/qel.qem")) == 0);
+
+  /* Withheld groups outlast a reinit; the host still reads modules, the script may not
+   * (except from a directory allowed back). */
+  CHECK(Qel_GetCapabilities(second) == QEL_CAP_ALL);
+  CHECK(Qel_WithholdCapabilities(second, QEL_CAP_MODULES | QEL_CAP_FILES) == (QEL_CAP_ALL & ~(QEL_CAP_MODULES | QEL_CAP_FILES)));
+  CHECK(Qel_GrantCapabilities(second, QEL_CAP_FILES) == (QEL_CAP_ALL & ~QEL_CAP_MODULES));
+  Qel_Reinit(second);
+  CHECK(Qel_GetCapabilities(second) == (QEL_CAP_ALL & ~QEL_CAP_MODULES));
+  writeFile(script, "load(m) { return loadmodule(m); }\n");
+  CHECK(Qel_CompileFileA(second, script, 0, 0, NULL, NULL) == 1);
+  const char* moduleArg[] = {module};
+  collected[0] = 0;
+  CHECK(Qel_ExecuteA(second, "load", 1, moduleArg, 0, out, NULL) == 0);
+  CHECK(strstr(collected, "loadmodule: not permitted") != NULL);
+  CHECK(Qel_AllowModuleDirectoryA(second, "/nonexistent/dir") == 0 && Qel_AllowModuleDirectoryA(second, dir) == 1);
+  CHECK(Qel_ExecuteA(second, "load", 1, moduleArg, 0, out, NULL) == 1 && Qel_GetIntResult(second) == 1);
+  CHECK(Qel_ReadModuleA(second, module) == 1);
 
   CHECK(Qel_SetDbgWaitProc(vm, waitNever) == NULL);
   CHECK(Qel_SetDbgWaitProc(vm, NULL) == waitNever);
