@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "host.h"
+#include "line_reader.h"
 #include "prompt.h"
 #include "qel.h"
 
@@ -148,7 +149,7 @@ int parseOptions(int argc, char** argv, Options& opt) {
       return 0;
     }
     if (a == "--version") {
-      printf("qel %s\n", QEL_VERSION);
+      printf("qel %s\nline editing: %s\n", QEL_VERSION, qelcli::lineEditing());
       return 0;
     }
     if (a == "-e") {

@@ -21,7 +21,7 @@ build=build-fuzz
 work=$root/$build/fuzz-work
 
 CC=${QEL_FUZZ_CC:-clang} CXX=${QEL_FUZZ_CXX:-clang++} \
-  cmake -S . -B "$build" -DQEL_FUZZ=ON -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_EXAMPLES=OFF \
+  cmake -S . -B "$build" -DQEL_FUZZ=ON -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_EXAMPLES=OFF -DQEL_BUILD_BENCHMARKS=OFF \
         -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$jobs" >/dev/null
 

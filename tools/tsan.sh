@@ -9,7 +9,7 @@ repeat=${1:-1}
 jobs=${QEL_JOBS:-2}
 build=build-tsan
 
-cmake -S . -B "$build" -DQEL_TSAN=ON -DQEL_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B "$build" -DQEL_TSAN=ON -DQEL_BUILD_EXAMPLES=OFF -DQEL_BUILD_BENCHMARKS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 # The test program, the library and the native module it loads: nothing else.
 cmake --build "$build" -j"$jobs" --target qel_thread_tests
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
