@@ -1,5 +1,6 @@
 #include "line_reader.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,8 +42,15 @@ bool editingWanted() {
 
 }  // namespace
 
+// A Ctrl-C that comes just before the read would not interrupt a blocking read (the
+// terminal discards the line it had collected), so the reader waits in short polls and
+// looks at the flag between them.
 int readTerminalByte(unsigned char& b) {
   for (;;) {
+    if (interruptPending()) return -1;
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    int ready = ::poll(&input, 1, 100);
+    if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
     ssize_t n = ::read(STDIN_FILENO, &b, 1);
     if (n == 1) return 1;
     if (n == 0) return 0;
