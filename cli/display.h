@@ -15,9 +15,9 @@ class ValueDisplay {
   explicit ValueDisplay(QelVirtualMachine& vm) : vm_(vm) {}
 
   // A vector or dictionary shows at most this many elements, then "...".
-  static const unsigned kMaxElements = 100;
+  static constexpr unsigned kMaxElements = 100;
   // Containers nested deeper than this show as "[...]" or "{...}".
-  static const unsigned kMaxDepth = 8;
+  static constexpr unsigned kMaxDepth = 8;
 
   QelString show(const QelValue& v);
 
